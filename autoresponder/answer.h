@@ -1,0 +1,12 @@
+// The per-rule chain after the frequency check: forward, attachments and
+// notice, composition, delivery.
+#pragma once
+
+#include <mysql.h>
+
+#include "autoresponder/mail_content.h"
+#include "autoresponder/mailbox_resolution.h"
+#include "autoresponder/rules.h"
+
+void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref& mailbox,
+                 const char* esc_domain, const Resp_rule& rule);

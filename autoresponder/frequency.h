@@ -1,0 +1,13 @@
+// The per-rule, per-sender daily answer limit kept in resp_freq.
+#pragma once
+
+#include <mysql.h>
+
+#include <string>
+
+#include "autoresponder/mail_content.h"
+
+// 1 when the answer may be sent (and has been counted), 0 when not. A failed
+// statement ends the process through correct_exit().
+int can_response_freq(MYSQL* connection, Mail_content* mail, std::string id, std::string ans_freq,
+                      std::string mem_limit);

@@ -1,0 +1,22 @@
+// Finding the mailbox a recipient address belongs to: by its own name, by a
+// mail alias, by a domain alias that serves mail, or by both.
+#pragma once
+
+#include <mysql.h>
+
+#include <string>
+
+#include "autoresponder/mail_content.h"
+
+struct Mailbox_ref {
+  std::string id;           // m.id, decimal text, pasted unquoted into later statements
+  std::string mail_name;    // the mailbox's own local name
+  std::string domain_name;  // the mailbox's own domain
+  std::string attach_dir;   // <mailnames root>/<domain_name>/<mail_name>/@attachments
+};
+
+// Runs the four lookups in order on `connection` with the escaped recipient
+// halves; the first that yields a row decides. Ends the process through
+// correct_exit() when a lookup fails or nothing is found.
+Mailbox_ref resolve_mailbox(MYSQL* connection, const Mail_content& mail, const char* esc_domain,
+                            const char* esc_mailname);

@@ -1,0 +1,105 @@
+// End-to-end test harness: the sandbox that the tested program's ROOT_PREFIX
+// points at, a fake sendmail that records every invocation, a runner for the
+// real binary, and the private test database.
+#pragma once
+
+#include <mysql.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+// One invocation of the fake sendmail, in the order they started.
+struct SendmailCall {
+  std::vector<std::string> argv;  // argv[0] included
+  std::string input;              // everything it read on standard input
+  double started = 0;             // seconds (CLOCK_REALTIME) at start and at end,
+  double ended = 0;               // to check that children did not overlap
+};
+
+struct RunResult {
+  int exit_status = -1;  // exit status, or 128 + signal number
+  std::string out;       // standard output
+  std::string err;       // standard error
+};
+
+// How the fake sendmail behaves: record and exit 0; record and exit 1;
+// exit 0 without reading its input.
+enum class SendmailMode { kRecord, kFail, kExitEarly };
+
+// The sandbox directory (the build's ROOT_PREFIX) and its files.
+class Sandbox {
+ public:
+  static std::string root();
+  static std::string path(const std::string& relative);  // root() + "/" + relative
+
+  // Empties the sandbox and writes the defaults: the panel configuration
+  // (ORVIK_MAILNAMES_D pointing at <root>/var/qmail/mailnames), the password
+  // file of the test database, no databytes file, the fake sendmail in record
+  // mode, empty <root>/tmp.
+  static void reset();
+
+  static void write_file(const std::string& relative, const std::string& content);
+  static void remove_file(const std::string& relative);
+  static std::string read_file(const std::string& relative);
+
+  // An attachment file in the repository of mailbox `mail_name`@`domain`.
+  static void write_attachment(const std::string& domain, const std::string& mail_name,
+                               const std::string& file_name, const std::string& content);
+
+  static void set_sendmail_mode(SendmailMode mode);
+  // Every invocation so far, in start order.
+  static std::vector<SendmailCall> sendmail_calls();
+
+  // Names of the files left in <root>/tmp.
+  static std::vector<std::string> tmp_files();
+};
+
+// Runs the sandboxed autoresponder with `message` on standard input and
+// RESP_RECIPIENT set to `recipient` (unset when nullopt); MYSQL_UNIX_PORT
+// points at the test database. `extra_env` adds or replaces variables.
+RunResult run_autoresponder(const std::string& message,
+                            const std::optional<std::string>& recipient,
+                            const std::map<std::string, std::string>& extra_env = {});
+
+// The path of the sandboxed binary.
+std::string autoresponder_path();
+
+// The contents of tests/data/<name>.
+std::string test_data(const std::string& name);
+std::string test_data_path(const std::string& name);
+
+// The private test database (started by the CTest fixture), reached as root.
+class TestDb {
+ public:
+  static MYSQL* connection();
+  static std::string socket_path();
+
+  // Removes every row of the panel tables, puts back the default misc rows,
+  // and empties the statement log.
+  static void reset();
+
+  static void exec(const std::string& statement);
+  // Rows of a select; NULL as nullopt.
+  static std::vector<std::vector<std::optional<std::string>>> query(const std::string& statement);
+  // The first column of the first row, or nullopt.
+  static std::optional<std::string> scalar(const std::string& statement);
+
+  // Statements (command "Query") that other connections sent since the last
+  // reset or clear, in order, from the server's general query log.
+  static std::vector<std::string> statements_sent();
+  static void clear_statement_log();
+};
+
+// Base fixture: resets the sandbox and the database before each test.
+class EndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+};
+
+}  // namespace e2e
