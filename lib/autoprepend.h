@@ -44,8 +44,8 @@ enum OvkConfVarIndexT {
 
 inline constexpr int kOvkConfVarCount = _MAX_POSSIBLE_OVK_CONF_VAR_INDEX + 1;  // 34
 
-extern conf_data* theOvkConfHash;                       // null until a load succeeds
-extern const char* theOvkConfArray[kOvkConfVarCount];   // values cached by index
+extern conf_data* theOvkConfHash;                      // null until a load succeeds
+extern const char* theOvkConfArray[kOvkConfVarCount];  // values cached by index
 extern const char* const theOvkConfNames[kOvkConfVarCount];
 extern const char* const theOvkConfDefauls[kOvkConfVarCount];
 

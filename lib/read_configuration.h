@@ -11,10 +11,10 @@ struct conf_entry {
 };
 
 struct conf_data {
-  conf_entry* data;  // null before first use
-  std::size_t size;  // capacity in entries
-  std::size_t nmemb; // entries in use
-  int finalized;     // 1 when sorted by key (binary search allowed)
+  conf_entry* data;   // null before first use
+  std::size_t size;   // capacity in entries
+  std::size_t nmemb;  // entries in use
+  int finalized;      // 1 when sorted by key (binary search allowed)
 };
 
 // Makes room for one more entry (allocates 20 on first use, doubles when full).
