@@ -3,14 +3,15 @@
 // real binary, and the private test database.
 #pragma once
 
-#include <mysql.h>
-
 #include <gtest/gtest.h>
+#include <mysql.h>
 
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "lib/mysql_handle.h"
 
 namespace e2e {
 
@@ -46,7 +47,9 @@ class Sandbox {
 
   static void write_file(const std::string& relative, const std::string& content);
   static void remove_file(const std::string& relative);
+  // Fails the test when the file cannot be read.
   static std::string read_file(const std::string& relative);
+  static bool exists(const std::string& relative);
 
   // An attachment file in the repository of mailbox `mail_name`@`domain`.
   static void write_attachment(const std::string& domain, const std::string& mail_name,
@@ -63,9 +66,18 @@ class Sandbox {
 // Runs the sandboxed autoresponder with `message` on standard input and
 // RESP_RECIPIENT set to `recipient` (unset when nullopt); MYSQL_UNIX_PORT
 // points at the test database. `extra_env` adds or replaces variables.
-RunResult run_autoresponder(const std::string& message,
-                            const std::optional<std::string>& recipient,
+RunResult run_autoresponder(const std::string& message, const std::optional<std::string>& recipient,
                             const std::map<std::string, std::string>& extra_env = {});
+
+// The runner underneath: starts argv[0] with `argv`, `input` on standard
+// input (from a file, so input of any size works), standard output and error
+// captured; the environment is the test's own, with RESP_RECIPIENT set to
+// `recipient` or removed, MYSQL_UNIX_PORT set to the test database's socket
+// when one runs, and `extra_env` applied last. A child that runs longer than
+// a minute is killed (status 128 + SIGKILL) and the test fails.
+RunResult run_program(const std::vector<std::string>& argv, const std::string& input,
+                      const std::optional<std::string>& recipient,
+                      const std::map<std::string, std::string>& extra_env = {});
 
 // The path of the sandboxed binary.
 std::string autoresponder_path();
@@ -75,15 +87,28 @@ std::string test_data(const std::string& name);
 std::string test_data_path(const std::string& name);
 
 // The private test database (started by the CTest fixture), reached as root.
+//
+// The MySQL client library reads MYSQL_UNIX_PORT once per process, at its
+// first use, and connects there whenever a caller passes no socket (the
+// panel library does so). The harness sets it to the test database's socket
+// before that first use. A test that needs the library to see another socket
+// must run in a process of its own (for instance a death test in the
+// "threadsafe" style, which starts the test binary anew) and must set the
+// variable before anything in that process connects.
 class TestDb {
  public:
   static MYSQL* connection();
   static std::string socket_path();
+  // The password of the panel's user 'admin'@'localhost', as written into the
+  // sandbox's password file by Sandbox::reset.
+  static std::string admin_password();
 
-  // Removes every row of the panel tables, puts back the default misc rows,
-  // and empties the statement log.
+  // Removes every row of the panel tables (auto-increment keys start at 1
+  // again), puts back the default misc rows (mysql41_compatible = "true")
+  // and the admin password, and empties the statement log.
   static void reset();
 
+  // Failures throw std::runtime_error with the statement and the error.
   static void exec(const std::string& statement);
   // Rows of a select; NULL as nullopt.
   static std::vector<std::vector<std::optional<std::string>>> query(const std::string& statement);
@@ -92,8 +117,33 @@ class TestDb {
 
   // Statements (command "Query") that other connections sent since the last
   // reset or clear, in order, from the server's general query log.
+  // The harness's own statements are not among them.
   static std::vector<std::string> statements_sent();
   static void clear_statement_log();
+};
+
+// A second private server beside the fixture's, for a test that needs one
+// that behaves differently, for instance with another version string
+// (server_options "--version=4.0.27"). The constructor starts it with the
+// panel schema and the same admin password, from a data directory kept
+// between runs (<fixture dir>-<name>); the destructor stops it. Programs
+// reach it by MYSQL_UNIX_PORT=socket() (run_program's extra_env).
+class ExtraServer {
+ public:
+  ExtraServer(const std::string& name, const std::string& server_options);
+  ~ExtraServer();
+  ExtraServer(const ExtraServer&) = delete;
+  ExtraServer& operator=(const ExtraServer&) = delete;
+
+  const std::string& socket() const { return socket_; }
+  void exec(const std::string& statement);
+  // As TestDb::statements_sent, on this server.
+  std::vector<std::string> statements_sent();
+
+ private:
+  std::string dir_;
+  std::string socket_;
+  MysqlConnection root_;
 };
 
 // Base fixture: resets the sandbox and the database before each test.

@@ -1,0 +1,476 @@
+// End-to-end test harness: the sandbox under the build's ROOT_PREFIX, the
+// recording fake sendmail, the runner for the real binary, and the root
+// connection to the private test database.
+//
+// Owns one process-wide MYSQL* (closed at exit) and, per run, the child
+// process and its scratch files under <root>/harness-run. Setup failures
+// (unreadable files, a database that does not answer, a failed statement)
+// throw std::runtime_error, which GoogleTest reports as a failure of the
+// test; a child that hangs is killed after a minute.
+#include "tests/harness/harness.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "lib/mysql_handle.h"
+#include "lib/paths.h"
+
+extern char** environ;
+
+namespace e2e {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char kSendmailLogDir[] = "sendmail-log";
+constexpr const char kSendmailModeFile[] = "sendmail-mode";
+constexpr const char kRunDir[] = "harness-run";
+constexpr auto kRunTimeout = std::chrono::seconds(60);
+
+// Every table of the panel schema (tests/db/schema.sql).
+constexpr const char* kPanelTables[] = {
+    "clients",   "domains",   "domainaliases", "mail",        "mail_aliases",
+    "mail_resp", "resp_freq", "resp_forward",  "resp_attach", "misc",
+};
+
+std::string read_whole_file(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + file + ": " + std::strerror(errno));
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+void write_whole_file(const std::string& file, const std::string& content) {
+  fs::create_directories(fs::path(file).parent_path());
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  out << content;
+  out.close();
+  if (!out) throw std::runtime_error("cannot write " + file);
+}
+
+std::vector<std::string> split_at_nul(const std::string& text) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\0', start);
+    if (end == std::string::npos) end = text.size();
+    parts.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return parts;
+}
+
+// An environment block for execve: NAME=value strings, each name once.
+class Environment {
+ public:
+  Environment() {
+    for (char** entry = environ; *entry != nullptr; ++entry) entries_.emplace_back(*entry);
+  }
+  void set(const std::string& name, const std::string& value) {
+    unset(name);
+    entries_.push_back(name + "=" + value);
+  }
+  void unset(const std::string& name) {
+    const std::string prefix = name + "=";
+    std::erase_if(entries_, [&](const std::string& e) { return e.starts_with(prefix); });
+  }
+  std::vector<char*> block() {
+    std::vector<char*> pointers;
+    for (std::string& e : entries_) pointers.push_back(e.data());
+    pointers.push_back(nullptr);
+    return pointers;
+  }
+
+ private:
+  std::vector<std::string> entries_;
+};
+
+// The socket named by the fixture, or "" when no test database runs.
+std::string current_socket() {
+  std::ifstream in(std::string(OVK_TESTDB_DIR) + "/socket");
+  std::string line;
+  if (!in || !std::getline(in, line)) return "";
+  return line;
+}
+
+// The client library reads MYSQL_UNIX_PORT at its first use in the process;
+// this runs before main, so it is set before anything can connect.
+[[maybe_unused]] const bool kSocketExported = [] {
+  const std::string socket = current_socket();
+  if (!socket.empty()) setenv("MYSQL_UNIX_PORT", socket.c_str(), 1);
+  return true;
+}();
+
+MysqlConnection& root_connection() {
+  static MysqlConnection connection;
+  return connection;
+}
+
+MysqlConnection connect_root(const std::string& socket) {
+  MysqlConnection connection(mysql_init(nullptr));
+  if (!connection) throw std::runtime_error("test database: mysql_init failed");
+  mysql_options(connection.get(), MYSQL_SET_CHARSET_NAME, "utf8mb4");
+  if (mysql_real_connect(connection.get(), "localhost", "root", "", "ovk", 0, socket.c_str(), 0) ==
+      nullptr) {
+    throw std::runtime_error("test database: cannot connect as root through " + socket + ": " +
+                             mysql_error(connection.get()));
+  }
+  return connection;
+}
+
+void check_query(MYSQL* connection, const std::string& statement) {
+  if (mysql_real_query(connection, statement.data(), statement.size()) != 0) {
+    throw std::runtime_error("test database: " + statement + ": " + mysql_error(connection));
+  }
+}
+
+void run_statement(MYSQL* connection, const std::string& statement) {
+  check_query(connection, statement);
+  // A statement that returns rows is drained so the connection stays usable.
+  MysqlResult result(mysql_store_result(connection));
+}
+
+std::vector<std::vector<std::optional<std::string>>> rows_of(MYSQL* connection,
+                                                             const std::string& statement) {
+  check_query(connection, statement);
+  MysqlResult result(mysql_store_result(connection));
+  std::vector<std::vector<std::optional<std::string>>> rows;
+  if (!result) {
+    if (mysql_field_count(connection) != 0) {
+      throw std::runtime_error("test database: " + statement + ": " + mysql_error(connection));
+    }
+    return rows;
+  }
+  const unsigned columns = mysql_num_fields(result.get());
+  while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+    const unsigned long* lengths = mysql_fetch_lengths(result.get());
+    std::vector<std::optional<std::string>> values;
+    for (unsigned i = 0; i < columns; ++i) {
+      if (row[i] == nullptr) {
+        values.emplace_back(std::nullopt);
+      } else {
+        values.emplace_back(std::string(row[i], lengths[i]));
+      }
+    }
+    rows.push_back(std::move(values));
+  }
+  return rows;
+}
+
+std::vector<std::string> other_connections_statements(MYSQL* connection) {
+  // The general log is a CSV table: rows come back in the order written.
+  const auto rows = rows_of(connection,
+                            "SELECT argument FROM mysql.general_log WHERE command_type = 'Query' "
+                            "AND thread_id <> CONNECTION_ID()");
+  std::vector<std::string> statements;
+  for (const auto& row : rows) statements.push_back(row.front().value_or(""));
+  return statements;
+}
+
+std::string quoted(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) {
+    if (c == '\\' || c == '\'') out += '\\';
+    out += c;
+  }
+  return out + "'";
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- Sandbox
+
+std::string Sandbox::root() {
+  const std::string root = orvik::paths::kRootPrefix;
+  if (root.empty()) throw std::runtime_error("the tests need a build with ROOT_PREFIX set");
+  return root;
+}
+
+std::string Sandbox::path(const std::string& relative) {
+  return root() + "/" + relative;
+}
+
+void Sandbox::reset() {
+  const fs::path top = root();
+  fs::create_directories(top);
+  for (const fs::directory_entry& entry : fs::directory_iterator(top)) fs::remove_all(entry);
+
+  write_file("etc/ovk/ovk.conf", "ORVIK_MAILNAMES_D " + path("var/qmail/mailnames") + "\n");
+  write_file("etc/ovk/.ovk.shadow", TestDb::admin_password() + "\n");
+  fs::create_directories(path("var/qmail/control"));
+  fs::create_directories(path("var/qmail/mailnames"));
+  fs::create_directories(path("tmp"));
+  fs::create_directories(path(kSendmailLogDir));
+  fs::create_directories(path("usr/sbin"));
+  fs::copy_file(OVK_FAKE_SENDMAIL, orvik::paths::kSendmail);
+  fs::permissions(orvik::paths::kSendmail, fs::perms(0755));
+  set_sendmail_mode(SendmailMode::kRecord);
+}
+
+void Sandbox::write_file(const std::string& relative, const std::string& content) {
+  write_whole_file(path(relative), content);
+}
+
+void Sandbox::remove_file(const std::string& relative) {
+  fs::remove(path(relative));
+}
+
+std::string Sandbox::read_file(const std::string& relative) {
+  return read_whole_file(path(relative));
+}
+
+bool Sandbox::exists(const std::string& relative) {
+  return fs::exists(path(relative));
+}
+
+void Sandbox::write_attachment(const std::string& domain, const std::string& mail_name,
+                               const std::string& file_name, const std::string& content) {
+  write_file("var/qmail/mailnames/" + domain + "/" + mail_name + "/@attachments/" + file_name,
+             content);
+}
+
+void Sandbox::set_sendmail_mode(SendmailMode mode) {
+  const char* word = "record";
+  if (mode == SendmailMode::kFail) word = "fail";
+  if (mode == SendmailMode::kExitEarly) word = "exit-early";
+  write_file(kSendmailModeFile, std::string(word) + "\n");
+}
+
+std::vector<SendmailCall> Sandbox::sendmail_calls() {
+  // Each call is <seq>.args/.stdin/.times; the six-digit numbers sort in
+  // start order.
+  std::vector<std::string> seqs;
+  const fs::path log = path(kSendmailLogDir);
+  if (!fs::exists(log)) return {};
+  for (const fs::directory_entry& entry : fs::directory_iterator(log)) {
+    if (entry.path().extension() == ".args") seqs.push_back(entry.path().stem().string());
+  }
+  std::sort(seqs.begin(), seqs.end());
+
+  std::vector<SendmailCall> calls;
+  for (const std::string& seq : seqs) {
+    const std::string base = (log / seq).string();
+    SendmailCall call;
+    call.argv = split_at_nul(read_whole_file(base + ".args"));
+    if (fs::exists(base + ".stdin")) call.input = read_whole_file(base + ".stdin");
+    if (fs::exists(base + ".times")) {
+      std::istringstream times(read_whole_file(base + ".times"));
+      times >> call.started >> call.ended;
+    }
+    calls.push_back(std::move(call));
+  }
+  return calls;
+}
+
+std::vector<std::string> Sandbox::tmp_files() {
+  std::vector<std::string> names;
+  for (const fs::directory_entry& entry : fs::directory_iterator(path("tmp"))) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// ---------------------------------------------------------------- runner
+
+RunResult run_program(const std::vector<std::string>& argv, const std::string& input,
+                      const std::optional<std::string>& recipient,
+                      const std::map<std::string, std::string>& extra_env) {
+  if (argv.empty()) throw std::runtime_error("run_program: empty argument vector");
+  const std::string run_dir = Sandbox::path(kRunDir);
+  const std::string in_file = run_dir + "/stdin";
+  const std::string out_file = run_dir + "/stdout";
+  const std::string err_file = run_dir + "/stderr";
+  write_whole_file(in_file, input);
+
+  Environment env;
+  if (recipient) {
+    env.set("RESP_RECIPIENT", *recipient);
+  } else {
+    env.unset("RESP_RECIPIENT");
+  }
+  const std::string socket = current_socket();
+  if (!socket.empty()) env.set("MYSQL_UNIX_PORT", socket);
+  for (const auto& [name, value] : extra_env) env.set(name, value);
+
+  // Everything the child needs is prepared before the fork.
+  std::vector<std::string> args = argv;
+  std::vector<char*> arg_block;
+  for (std::string& a : args) arg_block.push_back(a.data());
+  arg_block.push_back(nullptr);
+  std::vector<char*> env_block = env.block();
+
+  const int in_fd = open(in_file.c_str(), O_RDONLY | O_CLOEXEC);
+  const int out_fd = open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int err_fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (in_fd < 0 || out_fd < 0 || err_fd < 0) {
+    throw std::runtime_error("run_program: cannot open the scratch files in " + run_dir);
+  }
+
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (dup2(in_fd, 0) < 0 || dup2(out_fd, 1) < 0 || dup2(err_fd, 2) < 0) _exit(126);
+    // The program starts as the mail system starts it: with the three
+    // standard streams only (not, say, the harness's database socket).
+    close_range(3, ~0U, 0);
+    execve(arg_block[0], arg_block.data(), env_block.data());
+    const char message[] = "run_program: execve failed\n";
+    (void)!write(2, message, sizeof message - 1);
+    _exit(127);
+  }
+  close(in_fd);
+  close(out_fd);
+  close(err_fd);
+  if (pid < 0) throw std::runtime_error(std::string("run_program: fork: ") + std::strerror(errno));
+
+  RunResult result;
+  int status = 0;
+  const auto deadline = std::chrono::steady_clock::now() + kRunTimeout;
+  for (;;) {
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) break;
+    if (done < 0 && errno != EINTR) {
+      throw std::runtime_error(std::string("run_program: waitpid: ") + std::strerror(errno));
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      ADD_FAILURE() << argv[0] << " ran longer than " << kRunTimeout.count() << " s; killed";
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.out = read_whole_file(out_file);
+  result.err = read_whole_file(err_file);
+  return result;
+}
+
+RunResult run_autoresponder(const std::string& message, const std::optional<std::string>& recipient,
+                            const std::map<std::string, std::string>& extra_env) {
+  return run_program({autoresponder_path()}, message, recipient, extra_env);
+}
+
+std::string autoresponder_path() {
+  return OVK_AUTORESPONDER_BIN;
+}
+
+std::string test_data_path(const std::string& name) {
+  return std::string(OVK_TEST_DATA_DIR) + "/" + name;
+}
+
+std::string test_data(const std::string& name) {
+  return read_whole_file(test_data_path(name));
+}
+
+// ---------------------------------------------------------------- TestDb
+
+std::string TestDb::socket_path() {
+  const std::string socket = current_socket();
+  if (socket.empty()) {
+    throw std::runtime_error("no test database: " OVK_TESTDB_DIR
+                             "/socket is missing (run the tests through ctest, whose "
+                             "fixture testdb starts the server)");
+  }
+  return socket;
+}
+
+std::string TestDb::admin_password() {
+  return OVK_TESTDB_PASSWORD;
+}
+
+MYSQL* TestDb::connection() {
+  MysqlConnection& connection = root_connection();
+  if (!connection) {
+    const std::string socket = socket_path();
+    setenv("MYSQL_UNIX_PORT", socket.c_str(), 1);
+    connection = connect_root(socket);
+  }
+  return connection.get();
+}
+
+void TestDb::reset() {
+  for (const char* table : kPanelTables) exec(std::string("TRUNCATE TABLE ") + table);
+  exec("INSERT INTO misc (param, val) VALUES ('mysql41_compatible', 'true')");
+  // A test may have changed it.
+  exec("SET PASSWORD FOR 'admin'@'localhost' = PASSWORD(" + quoted(admin_password()) + ")");
+  clear_statement_log();
+}
+
+void TestDb::exec(const std::string& statement) {
+  run_statement(connection(), statement);
+}
+
+std::vector<std::vector<std::optional<std::string>>> TestDb::query(const std::string& statement) {
+  return rows_of(connection(), statement);
+}
+
+std::optional<std::string> TestDb::scalar(const std::string& statement) {
+  const auto rows = query(statement);
+  if (rows.empty() || rows.front().empty()) return std::nullopt;
+  return rows.front().front();
+}
+
+std::vector<std::string> TestDb::statements_sent() {
+  return other_connections_statements(connection());
+}
+
+void TestDb::clear_statement_log() {
+  exec("TRUNCATE TABLE mysql.general_log");
+}
+
+// ---------------------------------------------------------------- ExtraServer
+
+ExtraServer::ExtraServer(const std::string& name, const std::string& server_options)
+    : dir_(std::string(OVK_TESTDB_DIR) + "-" + name) {
+  const RunResult started = run_program(
+      {OVK_TESTDB_SCRIPTS "/start_db.sh", dir_, TestDb::admin_password(), OVK_SCHEMA_FILE}, "",
+      std::nullopt, {{"OVK_TESTDB_SERVER_OPTS", server_options}});
+  if (started.exit_status != 0) {
+    throw std::runtime_error("cannot start the server in " + dir_ + ": " + started.err);
+  }
+  std::string line;
+  std::ifstream in(dir_ + "/socket");
+  if (!std::getline(in, line)) throw std::runtime_error("no socket file in " + dir_);
+  socket_ = line;
+  root_ = connect_root(socket_);
+  run_statement(root_.get(), "TRUNCATE TABLE mysql.general_log");
+}
+
+ExtraServer::~ExtraServer() {
+  root_.reset();
+  run_program({OVK_TESTDB_SCRIPTS "/stop_db.sh", dir_}, "", std::nullopt);
+}
+
+void ExtraServer::exec(const std::string& statement) {
+  run_statement(root_.get(), statement);
+}
+
+std::vector<std::string> ExtraServer::statements_sent() {
+  return other_connections_statements(root_.get());
+}
+
+// ---------------------------------------------------------------- fixture
+
+void EndToEndTest::SetUp() {
+  Sandbox::reset();
+  TestDb::reset();
+}
+
+}  // namespace e2e
