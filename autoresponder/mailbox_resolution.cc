@@ -1,0 +1,86 @@
+// Mailbox resolution: the recipient address to the mailbox it belongs to, by
+// its own name, a mail alias, a domain alias that serves mail, or an alias in
+// a domain alias, in that order; the first lookup with a row decides and the
+// later ones are never sent.
+//
+// Owns each lookup's result while it is read. Fails by ending the run through
+// correct_exit(): a lookup that does not execute (or whose result cannot be
+// fetched) with "autoresponder: Unable to query: " and the server's text, an
+// unknown recipient with "autoresponder: Mailname not found: ".
+#include "autoresponder/mailbox_resolution.h"
+
+#include <iostream>
+
+#include "autoresponder/db_statement.h"
+#include "autoresponder/run.h"
+#include "lib/autoprepend.h"
+
+namespace {
+
+std::string own_name_lookup(const char* esc_domain, const char* esc_mailname) {
+  return std::string(
+             "select m.id, m.mail_name, d.name from mail m, domains d where m.dom_id=d.id and "
+             "d.name='") +
+         esc_domain + "' and m.mail_name='" + esc_mailname + "'";
+}
+
+std::string mail_alias_lookup(const char* esc_domain, const char* esc_mailname) {
+  return std::string(
+             "select m.id, m.mail_name, d.name from mail m, mail_aliases ma, domains d where "
+             "m.id=ma.mn_id and m.dom_id=d.id and d.name='") +
+         esc_domain + "' and ma.alias='" + esc_mailname + "'";
+}
+
+std::string domain_alias_lookup(const char* esc_domain, const char* esc_mailname) {
+  return std::string(
+             "select m.id, m.mail_name, d.name from mail m, domains d, domainaliases da where "
+             "m.dom_id=d.id and d.id=da.dom_id and da.name='") +
+         esc_domain + "' and m.mail_name='" + esc_mailname + "' and da.mail='true'";
+}
+
+std::string alias_in_domain_alias_lookup(const char* esc_domain, const char* esc_mailname) {
+  return std::string(
+             "select m.id, m.mail_name, d.name from mail m, mail_aliases ma, domains d, "
+             "domainaliases da where m.id=ma.mn_id and m.dom_id=d.id and d.id=da.dom_id and "
+             "da.name='") +
+         esc_domain + "' and ma.alias='" + esc_mailname + "' and da.mail='true'";
+}
+
+using Lookup = std::string (*)(const char*, const char*);
+constexpr Lookup kLookups[] = {own_name_lookup, mail_alias_lookup, domain_alias_lookup,
+                               alias_in_domain_alias_lookup};
+
+// The three columns are never NULL in the panel schema; should one be NULL
+// all the same, it reads as the empty string rather than crashing the run. An
+// empty id makes the rule statement ("mn_id=" with nothing after it) fail, so
+// the rule stage reports it and ends the run; an empty name only shapes
+// attach_dir.
+std::string column_text(const char* value) {
+  return value != nullptr ? value : "";
+}
+
+}  // namespace
+
+Mailbox_ref resolve_mailbox(MYSQL* connection, const Mail_content& mail, const char* esc_domain,
+                            const char* esc_mailname) {
+  MysqlResult result;
+  for (Lookup lookup : kLookups) {
+    result = select_or_exit(connection, lookup(esc_domain, esc_mailname), kQueryFailed);
+    if (mysql_num_rows(result.get()) != 0) break;
+  }
+
+  MYSQL_ROW row = mysql_fetch_row(result.get());
+  if (row == nullptr) {
+    std::cerr << "autoresponder: Mailname not found: " << mail.to_mailname << "@" << mail.to_domain
+              << std::endl;
+    correct_exit();
+  }
+
+  Mailbox_ref mailbox;
+  mailbox.id = column_text(row[0]);
+  mailbox.mail_name = column_text(row[1]);
+  mailbox.domain_name = column_text(row[2]);
+  mailbox.attach_dir = std::string(ovkConfGetDefaultByIndex(_ORVIK_MAILNAMES_D_INDEX)) + "/" +
+                       mailbox.domain_name + "/" + mailbox.mail_name + "/@attachments";
+  return mailbox;
+}
