@@ -11,20 +11,41 @@
 // "--------=_" and 29 letters from rand().
 std::string makeBoundaryStr();
 
-// The five placeholders of an answer subject, bound to `mail` on first use.
+// The five placeholders of an answer subject, bound to `mail` on first use;
+// later calls return the same table whatever they are given.
 const par_templ* autoresp_templs(const Mail_content& mail);
 inline constexpr unsigned kAutorespTemplCount = 5;
 
 // The subject before encoding: "Re: " + incoming subject, or the rule's
-// subject with placeholders expanded (at most 999 bytes).
+// subject with placeholders expanded (at most kResponseSubjectMax bytes).
+inline constexpr unsigned kResponseSubjectMax = 999;
 std::string response_subject(const Resp_rule& rule, const Mail_content& mail);
 
-// Creates the response file (mkstemp on resp_uu_file_name); result ignored.
-void create_response_file();
+// The descriptor mkstemp returns for the response file. Nothing is written
+// through it (the reply is written by name); it stays open until the reply is
+// complete. -1 when mkstemp failed, as it does for every reply after the
+// first of a run, whose name no longer ends in XXXXXX.
+class Response_file_fd {
+ public:
+  explicit Response_file_fd(int fd) noexcept : fd_(fd) {}
+  Response_file_fd(Response_file_fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  Response_file_fd& operator=(Response_file_fd&&) = delete;
+  ~Response_file_fd() { reset(); }
+  void reset() noexcept;
 
-// Writes the complete reply. IDN failure and exhausted memory end the process
-// through the message log with status 1.
+ private:
+  int fd_;
+};
+
+// Creates the response file (mkstemp on resp_uu_file_name); a failure leaves
+// the name as it was and is not reported.
+Response_file_fd create_response_file();
+
+// Writes the complete reply and then closes `response_fd`. An unwritable file
+// drops the reply silently (delivery notices only a file it cannot open). IDN
+// failure and exhausted memory end the process through the message log with
+// status 1.
 void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& attach_dir,
                       const std::vector<std::string>& found_attachments,
-                      const std::string& boundary);
+                      const std::string& resp_boundary, Response_file_fd response_fd);

@@ -1,0 +1,213 @@
+// Attachments of a rule's reply and the notice about missing ones.
+//
+// collect_attachments reads the rule's file names from resp_attach and sorts
+// them into the files that exist in the mailbox's attachment repository and
+// the ones that do not. notify_missing_attachments tells the panel client who
+// owns the recipient's domain, by a mail through sendmail, which files are
+// missing; the reply goes out with the files that exist either way.
+//
+// Owns for the length of one call: the query results, the two ends of the
+// notice pipe (the read end until the child has it, the write end until the
+// stream over it is gone) and the notice's sendmail child, which is always
+// waited for.
+//
+// Failures: only a failed resp_attach statement ends the run
+// (correct_exit()). Every failure of the notice is reported on one line and
+// the reply still goes out.
+//
+// Security: stored file names are used as they are, directory separators
+// included, and the program runs as the superuser; whoever can write
+// resp_attach rows decides which files the reply carries.
+#include "autoresponder/attachments.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <optional>
+#include <utility>
+
+#include "autoresponder/child_wait.h"
+#include "autoresponder/db_statement.h"
+#include "autoresponder/pipe_stream.h"
+#include "lib/forkexec.h"
+#include "lib/get_param.h"
+#include "lib/mysql_handle.h"
+#include "lib/orvik_chch.h"
+#include "lib/paths.h"
+
+namespace {
+
+// Sender of the notice when the panel names neither an administrator address
+// nor its host: the superuser of this machine.
+constexpr char kFallbackNoticeSender[] = "root@localhost";
+
+// Owner of one pipe end until it is handed over (release) or closed.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() { reset(); }
+
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+  void reset() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
+void report_system_error(const char* what, int error) {
+  std::cerr << what << std::strerror(error) << " (" << error << ")\n";
+}
+
+// The trimmed form of a stored name, as orvik_trim gives it.
+std::string trimmed_name(const char* stored) {
+  std::string buffer(stored);
+  return orvik_trim(buffer.data());
+}
+
+struct Domain_owner {
+  std::string email;
+  std::string name;  // personal name, or the login when there is none
+};
+
+// The client owning the domain the message was addressed to (the recipient's
+// domain as received, so a domain alias finds nobody). Reports and returns
+// nothing when there is no one to notify.
+std::optional<Domain_owner> domain_owner(MYSQL* connection, const char* esc_domain) {
+  const std::string query =
+      std::string(
+          "select c.email, c.pname, c.login from clients c, domains d where d.cl_id=c.id and "
+          "d.name='") +
+      esc_domain + "'";
+  if (mysql_real_query(connection, query.data(), query.size()) != 0) {
+    std::cerr << "Unable to define client email and personal name :" << mysql_error(connection)
+              << '\n';
+    return std::nullopt;
+  }
+  MysqlResult result(mysql_store_result(connection));
+  MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
+  if (row == nullptr) {
+    std::cerr << "This client does not exist :" << mysql_error(connection) << '\n';
+    return std::nullopt;
+  }
+  if (row[0] == nullptr || row[0][0] == '\0') return std::nullopt;
+  Domain_owner owner;
+  owner.email = row[0];
+  if (row[1] != nullptr && row[1][0] != '\0') {
+    owner.name = row[1];
+  } else if (row[2] != nullptr) {
+    owner.name = row[2];
+  }
+  return owner;
+}
+
+// The administrator's address, else root at the panel's host name, else the
+// local superuser. get_param hands out one static buffer that its next call
+// overwrites, so each value is copied at once; a failed lookup (null) counts
+// as an empty value.
+std::string notice_sender(MYSQL* connection) {
+  const char* value = get_param("admin_email", connection);
+  const std::string admin_email = value != nullptr ? value : "";
+  if (!admin_email.empty()) return admin_email;
+  value = get_param("FullHostName", connection);
+  const std::string host_name = value != nullptr ? value : "";
+  if (!host_name.empty()) return "root@" + host_name;
+  return kFallbackNoticeSender;
+}
+
+// The notice, one line per row of its layout; the list of missing names
+// brings its own line ends.
+void write_notice(std::ostream& out, const std::string& reply_to, const std::string& sender,
+                  const Domain_owner& owner, const Mail_content& mail,
+                  const std::string& missing_attachments) {
+  if (!reply_to.empty()) out << "Reply-To: " << reply_to << "\n";
+  out << "From: " << sender << "\n"
+      << "To: " << owner.email << "\n"
+      << "CC: \n"
+      << "Subject: ovk notification (files missing in attachments repository). \n"
+      << "Content-Type: text/plain; charset=utf-8\n"
+      << "Content-Disposition: inline\n"
+      << "Content-Transfer-Encoding: 8bit\n"
+      << "\n"
+      << "\n"
+      << "Notification for ovk client '" << owner.name << "'.\n"
+      << "\n"
+      << "The following files are missing in the attachment repository\n"
+      << "for the mailname '" << mail.to_mailname << "' on domain '" << mail.to_domain << "':\n"
+      << missing_attachments << "\n";
+}
+
+}  // namespace
+
+Attachment_lookup collect_attachments(MYSQL* connection, const std::string& rule_id,
+                                      const std::string& attach_dir) {
+  const MysqlResult result = select_or_exit(
+      connection, "select filename from resp_attach where rn_id=" + rule_id, kExecQueryFailed);
+
+  Attachment_lookup lookup;
+  while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+    if (row[0] == nullptr || row[0][0] == '\0') continue;
+    std::string name = trimmed_name(row[0]);
+    // Anything that exists counts, whatever its kind; reading it is the
+    // composer's business.
+    struct stat info;
+    if (stat((attach_dir + "/" + name).c_str(), &info) == 0) {
+      lookup.found_attachments.push_back(std::move(name));
+    } else {
+      lookup.missing_attachments += name;
+      lookup.missing_attachments += '\n';
+    }
+  }
+  return lookup;
+}
+
+void notify_missing_attachments(MYSQL* connection, const char* esc_domain,
+                                const std::string& reply_to, const Mail_content& mail,
+                                const std::string& missing_attachments) {
+  const std::optional<Domain_owner> owner = domain_owner(connection, esc_domain);
+  if (!owner) return;
+  const std::string sender = notice_sender(connection);
+
+  int ends[2];
+  if (pipe(ends) != 0) {
+    report_system_error(
+        "autoresponder: Failed to create pipe to sendmail to notify about missing attachment "
+        "files: ",
+        errno);
+    return;
+  }
+  Descriptor read_end(ends[0]);
+  Descriptor write_end(ends[1]);
+
+  const pid_t pid = fork_execl_pipes(read_end.get(), STDOUT_FILENO, STDERR_FILENO,
+                                     orvik::paths::kSendmail, orvik::paths::kSendmail, "-f",
+                                     sender.c_str(), owner->email.c_str(), nullptr);
+  const int spawn_error = errno;
+  read_end.reset();
+  if (pid < 0) {
+    report_system_error(
+        "autoresponder: Failed to spawn sendmail to notify about missing attachment files: ",
+        spawn_error);
+    return;
+  }
+
+  {
+    // The stream owns the write end from here on; its end closes the pipe,
+    // which is sendmail's end of input.
+    ofd_pipestream notice(write_end.release());
+    if (!notice.good()) {
+      std::cerr << "Unable to send mail with notify of not exist attachment.\n";
+    } else {
+      write_notice(notice, reply_to, sender, *owner, mail, missing_attachments);
+    }
+  }
+  wait_for_sendmail(pid, "notice");
+}

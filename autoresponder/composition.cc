@@ -1,0 +1,193 @@
+// Composition of one reply: boundary, subject, charset conversion of the
+// rule's text, and the MIME layout (a single text part, or multipart/mixed
+// with the found attachment files in base64), written line by line into the
+// response file named by resp_uu_file_name. Every line ends in a bare line
+// feed.
+//
+// Owns: the placeholder table bound to the run's message, the writing stream
+// on the response file, one attachment FILE* at a time.
+//
+// Failures: an unknown reply charset sends the text unconverted, declared
+// UTF-8; an unreadable attachment is reported on standard error and leaves
+// its part empty; an unwritable response file drops the reply silently.
+// IDN failure of the mailbox address and exhausted memory end the process
+// through the message log with status 1, leaving the temporary files.
+#include "autoresponder/composition.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <stdexcept>
+
+#include "lib/base64.h"
+#include "lib/paths.h"
+#include "lib/put.h"
+#include "lib/text_encoding/iconv_recode.h"
+#include "lib/text_encoding/idn.h"
+#include "lib/text_encoding/rfc1522.h"
+
+namespace {
+
+constexpr char kBoundaryPrefix[] = "--------=_";
+constexpr int kBoundaryLetters = 29;
+constexpr int kAlphabetHalf = 26;  // A-Z, then a-z
+
+// Bytes per base64 line: 45 bytes give 60 characters.
+constexpr std::size_t kBase64LineBytes = 45;
+constexpr std::size_t kBase64LineChars = kBase64LineBytes / 3 * 4;
+
+// Buffer size of the attachment reader and the reply writer: large enough
+// that a big attachment costs few system calls, fixed so that memory does not
+// grow with it.
+constexpr std::size_t kStreamBufferBytes = 64 * 1024;
+
+struct FileCloser {
+  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
+
+// Streams the file as base64 lines, 45 bytes in and one line out at a time,
+// so the attachment is never held in memory. Stops at the first read that
+// yields nothing (end of file or a read error alike).
+void write_base64_file(std::ostream& out, const std::string& path) {
+  UniqueFile file(std::fopen(path.c_str(), "r"));
+  if (!file) {
+    const int error = errno;
+    std::cerr << "autoresponder: Failed to read attachement file '" << path
+              << "': " << std::strerror(error) << " (" << error << ")" << std::endl;
+    return;
+  }
+  std::setvbuf(file.get(), nullptr, _IOFBF, kStreamBufferBytes);
+  // base64Encode works in place: the bytes read are replaced by their
+  // encoding, which then gets its line feed in place of the terminating NUL.
+  char line[kBase64LineChars + 1];
+  std::size_t got;
+  while ((got = std::fread(line, 1, kBase64LineBytes, file.get())) > 0) {
+    const std::size_t length = base64Encode(line, got, line);
+    line[length] = '\n';
+    out.write(line, static_cast<std::streamsize>(length + 1));
+  }
+}
+
+void write_response(std::ostream& out, const Mail_content& mail, const Resp_rule& rule,
+                    const std::string& encoded_subject, const std::string& attach_dir,
+                    const std::vector<std::string>& found_attachments,
+                    const std::string& resp_boundary) {
+  if (!rule.reply_to.empty()) out << "Reply-To: " << rule.reply_to << '\n';
+
+  // A charset the converter does not know: the text goes out as it is
+  // stored, which is UTF-8, and is declared so.
+  std::string charset = rule.charset;
+  std::string resp_body;
+  try {
+    resp_body = orvik::iconvRecode(rule.text, "UTF-8", charset, true);
+  } catch (const std::runtime_error&) {
+    resp_body = rule.text;
+    charset = "UTF-8";
+  }
+
+  out << "From: " << orvik::idn::toAscii(mail.to) << '\n';
+  out << "To: " << mail.from << '\n';
+  out << "MIME-Version: 1.0\n";
+  out << "Subject: " << encoded_subject << '\n';
+
+  const bool multipart = !found_attachments.empty();
+  if (multipart) {
+    out << "Content-Type: multipart/mixed;\n\tboundary=\"" << resp_boundary << "\"\n";
+    out << '\n';
+    out << "--" << resp_boundary << '\n';
+  }
+  out << "Content-Type: " << rule.content_type << "; charset=\"" << charset << "\"\n";
+  out << "Content-Transfer-Encoding: 8bit\n";
+  out << "Content-Disposition: inline\n";
+  out << '\n';
+  out << resp_body << '\n';
+  out << "\n\n";
+  if (!multipart) return;
+
+  for (const std::string& name : found_attachments) {
+    out << "--" << resp_boundary << '\n';
+    out << "Content-Type: application/octet-stream\n";
+    out << "Content-Transfer-Encoding: base64\n";
+    out << "Content-Disposition: attachment;\n\tfilename=\"" << orvik::rfc1522::encode(name)
+        << "\"\n";
+    out << '\n';
+    write_base64_file(out, attach_dir + "/" + name);
+    out << '\n';
+  }
+  out << "--" << resp_boundary << "--\n";
+}
+
+}  // namespace
+
+std::string makeBoundaryStr() {
+  std::string boundary = kBoundaryPrefix;
+  for (int i = 0; i < kBoundaryLetters; ++i) {
+    const int r = std::rand() % (2 * kAlphabetHalf);
+    boundary += static_cast<char>(r < kAlphabetHalf ? 'A' + r : 'a' + (r - kAlphabetHalf));
+  }
+  return boundary;
+}
+
+const par_templ* autoresp_templs(const Mail_content& mail) {
+  // Sorted by name (strcmp order), as the lookup requires. The message
+  // record is read-only for the rest of the run, so the pointers stay valid.
+  static const par_templ table[kAutorespTemplCount] = {
+      {"incoming_message_subject", mail.subject.c_str()},
+      {"orig_emails_sender_mailname", mail.from.c_str()},
+      {"orig_emails_subj", mail.subject.c_str()},
+      {"request_from", mail.from.c_str()},
+      {"request_subject", mail.subject.c_str()},
+  };
+  return table;
+}
+
+std::string response_subject(const Resp_rule& rule, const Mail_content& mail) {
+  if (rule.subject.empty()) return "Re: " + mail.subject;
+  char expanded[kResponseSubjectMax + 1] = {};
+  repl_ctl ctl{0, 0, REPL_KEEP_UNKNOWN, 0};
+  templ_replace('<', '>', autoresp_templs(mail), kAutorespTemplCount, rule.subject.c_str(),
+                expanded, kResponseSubjectMax, &ctl);
+  expanded[std::min(ctl.out_len, kResponseSubjectMax)] = '\0';
+  return expanded;
+}
+
+void Response_file_fd::reset() noexcept {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+}
+
+Response_file_fd create_response_file() {
+  return Response_file_fd(mkstemp(resp_uu_file_name));
+}
+
+void compose_response(const Mail_content& mail, const Resp_rule& rule,
+                      const std::string& attach_dir,
+                      const std::vector<std::string>& found_attachments,
+                      const std::string& resp_boundary, Response_file_fd response_fd) {
+  try {
+    const std::string resp_subject = response_subject(rule, mail);
+    const std::string encoded_subject = orvik::rfc1522::encode(resp_subject);
+    // A file that cannot be opened leaves the stream failed, and every
+    // write below is dropped.
+    std::vector<char> buffer(kStreamBufferBytes);
+    std::ofstream out;
+    out.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    out.open(resp_uu_file_name, std::ios::out | std::ios::trunc | std::ios::binary);
+    write_response(out, mail, rule, encoded_subject, attach_dir, found_attachments, resp_boundary);
+    out.close();
+    response_fd.reset();
+  } catch (const orvik::idn::IdnaError& error) {
+    messlog2(1, 0, "IDN conversion error: %s", error.what());
+  } catch (const std::bad_alloc&) {
+    messlog2(1, 0, "Program failed due to exhausted memory");
+  }
+}

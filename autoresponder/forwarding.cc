@@ -1,0 +1,103 @@
+// Forwarding: sends the stored incoming message, byte for byte, to the
+// addresses a rule lists in resp_forward, through one sendmail child whose
+// standard input is the stored message file.
+//
+// Owns for the length of one call: the resp_forward result and the descriptor
+// of the stored message (closed as soon as the child has it).
+//
+// Failures: a failed resp_forward statement ends the run through
+// correct_exit(). Everything else is best effort: a file that cannot be opened
+// or a sendmail that cannot be started is reported on one line and the answer
+// still goes out. Addresses are handed to sendmail as separate arguments
+// without any shell, exactly as stored.
+#include "autoresponder/forwarding.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <vector>
+
+#include "autoresponder/child_wait.h"
+#include "autoresponder/db_statement.h"
+#include "lib/forkexec.h"
+#include "lib/paths.h"
+
+namespace {
+
+// Owner of the read-only descriptor on the stored message.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() { reset(); }
+
+  int get() const { return fd_; }
+  void reset() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
+// The rule's addresses; NULL rows are dropped, the rest kept as stored and in
+// the order the server returns them.
+std::vector<std::string> forwarding_list(MYSQL* connection, const std::string& rule_id) {
+  const MysqlResult result = select_or_exit(
+      connection, "select address from resp_forward where rn_id=" + rule_id, kExecQueryFailed);
+  std::vector<std::string> addresses;
+  while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+    if (row[0] != nullptr) addresses.emplace_back(row[0]);
+  }
+  return addresses;
+}
+
+// One report line for a failed system call: the text, the system's words for
+// the error and its number.
+void report_system_error(const std::string& what, int error) {
+  std::cerr << what << std::strerror(error) << " (" << error << ")\n";
+}
+
+}  // namespace
+
+void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_content& mail) {
+  const std::vector<std::string> addresses = forwarding_list(connection, rule_id);
+  if (addresses.empty()) return;
+
+  // Opened anew for every forwarding rule, so each forward starts at the
+  // message's first byte.
+  Descriptor message(open(mail_file_name, O_RDONLY));
+  if (message.get() < 0) {
+    const int open_error = errno;
+    report_system_error(std::string("autoresponder: Failed to open temporary file with forward "
+                                    "mail contents '") +
+                            mail_file_name + "': ",
+                        open_error);
+    return;
+  }
+
+  // The envelope sender is the address the message was received at, as the
+  // mail system gave it (an alias stays the alias).
+  std::vector<const char*> argv;
+  argv.reserve(addresses.size() + 4);
+  argv.push_back(orvik::paths::kSendmail);
+  argv.push_back("-f");
+  argv.push_back(mail.to.c_str());
+  for (const std::string& address : addresses) argv.push_back(address.c_str());
+  argv.push_back(nullptr);
+
+  const pid_t pid = fork_execv_pipes(message.get(), STDOUT_FILENO, STDERR_FILENO,
+                                     orvik::paths::kSendmail, argv.data());
+  const int spawn_error = errno;
+  message.reset();
+  if (pid < 0) {
+    report_system_error("autoresponder: Failed to spawn sendmail for forwarding: ", spawn_error);
+    return;
+  }
+  wait_for_sendmail(pid, "forward");
+}
