@@ -37,31 +37,13 @@
 #include "lib/mysql_handle.h"
 #include "lib/orvik_chch.h"
 #include "lib/paths.h"
+#include "lib/unique_fd.h"
 
 namespace {
 
 // Sender of the notice when the panel names neither an administrator address
 // nor its host: the superuser of this machine.
 constexpr char kFallbackNoticeSender[] = "root@localhost";
-
-// Owner of one pipe end until it is handed over (release) or closed.
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { reset(); }
-
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-  void reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
 
 void report_system_error(const char* what, int error) {
   std::cerr << what << std::strerror(error) << " (" << error << ")\n";
@@ -184,8 +166,8 @@ void notify_missing_attachments(MYSQL* connection, const char* esc_domain,
         errno);
     return;
   }
-  Descriptor read_end(ends[0]);
-  Descriptor write_end(ends[1]);
+  Unique_fd read_end(ends[0]);
+  Unique_fd write_end(ends[1]);
 
   const pid_t pid = fork_execl_pipes(read_end.get(), STDOUT_FILENO, STDERR_FILENO,
                                      orvik::paths::kSendmail, orvik::paths::kSendmail, "-f",

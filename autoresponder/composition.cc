@@ -160,11 +160,6 @@ std::string response_subject(const Resp_rule& rule, const Mail_content& mail) {
   return expanded;
 }
 
-void Response_file_fd::reset() noexcept {
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
-}
-
 Response_file_fd create_response_file() {
   return Response_file_fd(mkstemp(resp_uu_file_name));
 }

@@ -7,6 +7,7 @@
 #include "autoresponder/mail_content.h"
 #include "autoresponder/rules.h"
 #include "autoresponder/templates.h"
+#include "lib/unique_fd.h"
 
 // "--------=_" and 29 letters from rand().
 std::string makeBoundaryStr();
@@ -25,17 +26,7 @@ std::string response_subject(const Resp_rule& rule, const Mail_content& mail);
 // through it (the reply is written by name); it stays open until the reply is
 // complete. -1 when mkstemp failed, as it does for every reply after the
 // first of a run, whose name no longer ends in XXXXXX.
-class Response_file_fd {
- public:
-  explicit Response_file_fd(int fd) noexcept : fd_(fd) {}
-  Response_file_fd(Response_file_fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  Response_file_fd& operator=(Response_file_fd&&) = delete;
-  ~Response_file_fd() { reset(); }
-  void reset() noexcept;
-
- private:
-  int fd_;
-};
+using Response_file_fd = Unique_fd;
 
 // Creates the response file (mkstemp on resp_uu_file_name); a failure leaves
 // the name as it was and is not reported.

@@ -33,6 +33,7 @@
 #include "lib/put.h"
 #include "lib/text_encoding/idn.h"
 #include "lib/text_encoding/rfc1522.h"
+#include "lib/unique_fd.h"
 
 namespace {
 
@@ -75,23 +76,6 @@ void apply_size_limit(const Mail_content& mail, const Resp_rule& rule) {
   if (databytes_limit > 0 && status.st_size > databytes_limit) write_size_notice(mail, rule);
 }
 
-// Closes the descriptor when it leaves scope, whatever happens to the child.
-class Fd_owner {
- public:
-  explicit Fd_owner(int fd) noexcept : fd_(fd) {}
-  Fd_owner(const Fd_owner&) = delete;
-  Fd_owner& operator=(const Fd_owner&) = delete;
-  ~Fd_owner() { reset(); }
-  int get() const noexcept { return fd_; }
-  void reset() noexcept {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
 // One line: "autoresponder: ", the text, the error's text and number.
 void report_errno(const std::string& text, int error) {
   std::cerr << "autoresponder: " << text << std::strerror(error) << " (" << error << ")"
@@ -99,7 +83,7 @@ void report_errno(const std::string& text, int error) {
 }
 
 void hand_to_sendmail(const Mail_content& mail) {
-  Fd_owner response(open(resp_uu_file_name, O_RDONLY));
+  Unique_fd response(open(resp_uu_file_name, O_RDONLY));
   if (response.get() < 0) {
     report_errno(std::string("Failed to open temporary file with response mail contents '") +
                      resp_uu_file_name + "': ",

@@ -24,26 +24,9 @@
 #include "autoresponder/db_statement.h"
 #include "lib/forkexec.h"
 #include "lib/paths.h"
+#include "lib/unique_fd.h"
 
 namespace {
-
-// Owner of the read-only descriptor on the stored message.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { reset(); }
-
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
 
 // The rule's addresses; NULL rows are dropped, the rest kept as stored and in
 // the order the server returns them.
@@ -71,7 +54,7 @@ void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_
 
   // Opened anew for every forwarding rule, so each forward starts at the
   // message's first byte.
-  Descriptor message(open(mail_file_name, O_RDONLY));
+  Unique_fd message(open(mail_file_name, O_RDONLY));
   if (message.get() < 0) {
     const int open_error = errno;
     report_system_error(std::string("autoresponder: Failed to open temporary file with forward "
