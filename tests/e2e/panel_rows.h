@@ -1,146 +1,120 @@
-// Panel rows and incoming messages for the end-to-end tests of the
-// responder's database stages: mailboxes, aliases, rules and answer counts
-// written through the test database's root connection, and a way to see
-// which rules reached the frequency check in the statement log.
+// Helpers of the end-to-end tests: panel rows written through the test
+// database's root connection, the statements the program sent, and whole runs
+// compared with tests/data/replies/NAME.expected.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <mysql.h>
 
-#include <optional>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/harness/harness.h"
 
 namespace panel {
 
-using Value = std::optional<std::string>;  // nullopt: SQL NULL
+using e2e::Sandbox;
+using e2e::TestDb;
 
-// A literal for a statement: NULL, or the text escaped and quoted.
-inline std::string sql(const Value& value) {
-  if (!value) return "NULL";
-  std::string escaped(2 * value->size() + 1, '\0');
-  escaped.resize(mysql_real_escape_string(e2e::TestDb::connection(), escaped.data(), value->data(),
-                                          value->size()));
+inline constexpr auto kCaseName = [](const auto& test) { return std::string(test.param.name); };
+
+// `text` escaped and quoted for a statement.
+inline std::string sql(const std::string& text) {
+  std::string escaped(2 * text.size() + 1, '\0');
+  escaped.resize(
+      mysql_real_escape_string(TestDb::connection(), escaped.data(), text.data(), text.size()));
   return "'" + escaped + "'";
 }
 
+// Each ";"-separated statement (so no value may hold ";").
+inline void exec_all(const std::string& statements) {
+  std::istringstream in(statements);
+  for (std::string s; std::getline(in, s, ';');) {
+    if (s.find_first_not_of(' ') != std::string::npos) TestDb::exec(s);
+  }
+}
+
 inline void add_domain(int id, const std::string& name) {
-  e2e::TestDb::exec("INSERT INTO domains (id, name) VALUES (" + std::to_string(id) + ", " +
-                    sql(name) + ")");
+  TestDb::exec("INSERT INTO domains (id, name) VALUES (" + std::to_string(id) + ", " + sql(name) +
+               ")");
 }
 
 inline void add_mailbox(int id, int dom_id, const std::string& mail_name) {
-  e2e::TestDb::exec("INSERT INTO mail (id, mail_name, dom_id) VALUES (" + std::to_string(id) +
-                    ", " + sql(mail_name) + ", " + std::to_string(dom_id) + ")");
+  TestDb::exec("INSERT INTO mail (id, mail_name, dom_id) VALUES (" + std::to_string(id) + ", " +
+               sql(mail_name) + ", " + std::to_string(dom_id) + ")");
 }
 
-inline void add_mail_alias(int mn_id, const std::string& alias) {
-  e2e::TestDb::exec("INSERT INTO mail_aliases (mn_id, alias) VALUES (" + std::to_string(mn_id) +
-                    ", " + sql(alias) + ")");
+// Rule `id` of mailbox `mn_id`, on for every message; `set` changes it.
+inline void add_rule(int id, int mn_id, const std::string& set = "") {
+  TestDb::exec("INSERT INTO mail_resp (id, mn_id, resp_on, text) VALUES (" + std::to_string(id) +
+               ", " + std::to_string(mn_id) + ", 'true', 'Thank you for your message.')");
+  if (!set.empty()) TestDb::exec("UPDATE mail_resp SET " + set + " WHERE id=" + std::to_string(id));
 }
 
-inline void add_domain_alias(int dom_id, const std::string& name, const Value& mail) {
-  e2e::TestDb::exec("INSERT INTO domainaliases (dom_id, name, mail) VALUES (" +
-                    std::to_string(dom_id) + ", " + sql(name) + ", " + sql(mail) + ")");
-}
-
-// One mail_resp row; every column but the keys may be NULL. The defaults
-// make a rule that is on and applies to every message.
-struct Rule {
-  Value keystr;
-  Value key_where;
-  Value text = "Thank you for your message.";
-  Value resp_on = "true";
-  Value ans_freq;
-  Value mem_limit;
-  Value subject;
-  Value reply_to;
-  Value charset;
-  Value content_type;
-};
-
-inline void add_rule(int id, int mn_id, const Rule& r) {
-  e2e::TestDb::exec(
-      "INSERT INTO mail_resp (id, mn_id, keystr, key_where, text, resp_on, ans_freq, mem_limit, "
-      "subject, reply_to, charset, content_type) VALUES (" +
-      std::to_string(id) + ", " + std::to_string(mn_id) + ", " + sql(r.keystr) + ", " +
-      sql(r.key_where) + ", " + sql(r.text) + ", " + sql(r.resp_on) + ", " + sql(r.ans_freq) +
-      ", " + sql(r.mem_limit) + ", " + sql(r.subject) + ", " + sql(r.reply_to) + ", " +
-      sql(r.charset) + ", " + sql(r.content_type) + ")");
-}
-
-// A remembered answer; `time_resp` is an SQL expression.
-inline void add_answer_count(int rn_id, const std::string& email, const Value& num,
-                             const std::string& time_resp = "NOW()") {
-  e2e::TestDb::exec("INSERT INTO resp_freq (rn_id, email, time_resp, num) VALUES (" +
-                    std::to_string(rn_id) + ", " + sql(email) + ", " + time_resp + ", " + sql(num) +
-                    ")");
-}
-
-// The num of (rule, sender) in resp_freq: nullopt when there is no row,
-// "NULL" when num is NULL.
-inline std::optional<std::string> answer_count(int rn_id, const std::string& email) {
-  const auto rows =
-      e2e::TestDb::query("SELECT num FROM resp_freq WHERE rn_id=" + std::to_string(rn_id) +
-                         " AND email=" + sql(email));
-  if (rows.empty()) return std::nullopt;
-  return rows.front().front().value_or("NULL");
-}
-
-// Renames a table away for one scope, so that the program's statements on
-// it fail; the name comes back whatever the test does in between.
-class Table_away {
- public:
-  explicit Table_away(std::string table) : table_(std::move(table)) {
-    e2e::TestDb::exec("RENAME TABLE " + table_ + " TO " + table_ + "_away");
-  }
-  ~Table_away() { e2e::TestDb::exec("RENAME TABLE " + table_ + "_away TO " + table_); }
-  Table_away(const Table_away&) = delete;
-  Table_away& operator=(const Table_away&) = delete;
-
- private:
-  std::string table_;
-};
-
-inline std::string message(const std::string& from, const std::string& to,
-                           const std::string& subject, const std::string& body) {
-  return "From: " + from + "\nTo: " + to + "\nSubject: " + subject +
-         "\nDate: Mon, 3 Jun 2024 10:00:00 +0200\nMessage-ID: <test@example.org>\n"
-         "MIME-Version: 1.0\nContent-Type: text/plain; charset=us-ascii\n\n" +
-         body;
-}
-
-// How many times sendmail was started (the calls themselves print poorly).
-inline int sendmail_count() {
-  return static_cast<int>(e2e::Sandbox::sendmail_calls().size());
-}
-
-inline bool starts_with(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-// The statements sent by the program whose text begins with `prefix`.
-inline std::vector<std::string> statements_starting(const std::string& prefix) {
-  std::vector<std::string> found;
-  for (const std::string& s : e2e::TestDb::statements_sent()) {
-    if (starts_with(s, prefix)) found.push_back(s);
+// The statements the program sent that match `pattern`, a line each.
+inline std::string statements_matching(const std::string& pattern) {
+  std::string found;
+  for (const std::string& s : TestDb::statements_sent()) {
+    if (std::regex_search(s, std::regex(pattern))) found += s + "\n";
   }
   return found;
 }
 
-// The ids of the rules whose frequency check started, in order: the check's
-// first statement names the rule.
-inline std::vector<std::string> rules_checked() {
-  const std::string head = "delete from resp_freq where rn_id=";
-  std::vector<std::string> ids;
-  for (const std::string& s : statements_starting(head)) {
-    const std::size_t end = s.find(' ', head.size());
-    if (s.find("TO_DAYS") != std::string::npos)
-      ids.push_back(s.substr(head.size(), end - head.size()));
+// Renames a panel table away for one scope, so statements on it fail.
+class HiddenTable {
+ public:
+  explicit HiddenTable(std::string name) : name_(std::move(name)) {
+    TestDb::exec("RENAME TABLE " + name_ + " TO " + name_ + "_hidden");
   }
-  return ids;
+  ~HiddenTable() { TestDb::exec("RENAME TABLE " + name_ + "_hidden TO " + name_); }
+  HiddenTable(const HiddenTable&) = delete;
+  HiddenTable& operator=(const HiddenTable&) = delete;
+
+ private:
+  std::string name_;
+};
+
+// A run as text: exit status, files left in tmp, both streams, every sendmail
+// call. The sandbox's root reads ROOT; boundaries read BOUNDARY1, BOUNDARY2...
+// by first appearance, so replies that share one, or a reply that mixes two,
+// show it.
+inline std::string render(const e2e::RunResult& run) {
+  std::string rest = "exit " + std::to_string(run.exit_status) +
+                     ", files left in tmp: " + std::to_string(Sandbox::tmp_files().size()) +
+                     "\nstdout:\n" + run.out + "stderr:\n" + run.err,
+              out;
+  for (const e2e::SendmailCall& call : Sandbox::sendmail_calls()) {
+    rest += "sendmail";
+    for (const std::string& arg : call.argv) rest += "\narg: " + arg;
+    rest += "\nstdin:\n" + call.input;
+  }
+  for (std::size_t at; (at = rest.find(Sandbox::root())) != std::string::npos;) {
+    rest.replace(at, Sandbox::root().size(), "ROOT");
+  }
+  static const std::regex kBoundary("--------=_[A-Za-z]{29}");
+  std::map<std::string, std::string> names;
+  for (std::smatch m; std::regex_search(rest, m, kBoundary);) {
+    out += m.prefix().str() +
+           names.emplace(m.str(), "BOUNDARY" + std::to_string(names.size() + 1)).first->second;
+    rest = m.suffix();
+  }
+  return out + rest;
+}
+
+// Also checks that no sendmail started before the previous one had ended. A
+// mismatch leaves the run in replies/NAME.actual under the working directory.
+inline void expect_run(const std::string& name, const e2e::RunResult& run) {
+  const auto calls = Sandbox::sendmail_calls();
+  for (std::size_t i = 1; i < calls.size(); ++i) EXPECT_GE(calls[i].started, calls[i - 1].ended);
+  const std::string actual = render(run), expected = "replies/" + name + ".expected";
+  if (std::ifstream(e2e::test_data_path(expected)) && actual == e2e::test_data(expected)) return;
+  std::filesystem::create_directories("replies");
+  std::ofstream("replies/" + name + ".actual", std::ios::binary) << actual;
+  ADD_FAILURE() << "the run differs from tests/data/" << expected << ":\n" << actual;
 }
 
 }  // namespace panel
