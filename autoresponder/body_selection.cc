@@ -1,16 +1,19 @@
 // Selection of the text entity of the incoming message, its transfer
 // decoding and its declared charset.
 //
-// Reads the parsed message (GMime) and the raw header values; decides main
-// types and transfer encodings on those raw values rather than on GMime's
-// parsed ones, which default and normalise differently. Only the selected
-// entity's content is read, in blocks, and decoded into memory. Nothing here
-// reports or fails: an unreadable or missing content is an empty body.
+// Reads raw header values and decides main types and transfer encodings on
+// them rather than on GMime's parsed ones, which default and normalise
+// differently. From the stored message only the selected entity's content is
+// read, in blocks, and decoded into memory; a multipart is walked by its own
+// boundary lines alone, so neither its preface, its epilogue, the number of
+// its parts nor their nesting costs memory. Nothing here reports or fails: an
+// unreadable or missing content is an empty body.
 #include "autoresponder/body_selection.h"
 
 #include <strings.h>
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 #include "autoresponder/gmime_handle.h"
@@ -35,7 +38,89 @@ bool equals_ignoring_case(std::string_view text, std::string_view expected) {
          strncasecmp(text.data(), expected.data(), expected.size()) == 0;
 }
 
-std::string_view trim_field_body(std::string_view raw) {
+// Undoes a transfer encoding block by block.
+class Transfer_decoder {
+ public:
+  explicit Transfer_decoder(Transfer_decoding decoding) : decoding_(decoding) {
+    if (decoding == Transfer_decoding::kBase64) {
+      g_mime_encoding_init_decode(&state_, GMIME_CONTENT_ENCODING_BASE64);
+    } else if (decoding == Transfer_decoding::kQuotedPrintable) {
+      g_mime_encoding_init_decode(&state_, GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE);
+    }
+  }
+
+  void feed(const char* data, std::size_t size, std::string& out) {
+    if (decoding_ == Transfer_decoding::kNone) {
+      out.append(data, size);
+      return;
+    }
+    decoded_.resize(g_mime_encoding_outlen(&state_, size));
+    out.append(decoded_.data(), g_mime_encoding_step(&state_, data, size, decoded_.data()));
+  }
+
+  void finish(std::string& out) {
+    if (decoding_ == Transfer_decoding::kNone) return;
+    decoded_.resize(g_mime_encoding_outlen(&state_, 0));
+    out.append(decoded_.data(), g_mime_encoding_flush(&state_, nullptr, 0, decoded_.data()));
+  }
+
+ private:
+  Transfer_decoding decoding_;
+  GMimeEncoding state_{};
+  std::vector<char> decoded_;
+};
+
+struct Boundary_hit {
+  Boundary_kind kind;  // kNone: the file ended first
+  off_t content_end;   // where the content before the line ends
+};
+
+// Reads lines up to the next boundary line, which stays unread. The line
+// feed before a boundary line belongs to the boundary, and so does a carriage
+// return before it when the boundary line itself ends in CR LF.
+Boundary_hit next_boundary(Stored_message_reader& reader, std::string_view delimiter) {
+  const off_t start = reader.offset();
+  for (;;) {
+    const std::string_view line = reader.peek_line();
+    if (line.empty()) return {Boundary_kind::kNone, reader.offset()};
+    const Boundary_kind kind = ClassifyBoundaryLine(line, delimiter);
+    if (kind == Boundary_kind::kNone) {
+      reader.consume_line();
+      continue;
+    }
+    off_t end = reader.offset();
+    if (end > start) {
+      --end;
+      const std::string_view text = line.substr(0, line.find('\n'));
+      if (end > start && reader.consumed_crlf() && text.ends_with('\r')) --end;
+    }
+    return {kind, end};
+  }
+}
+
+std::optional<std::string> boundary_of(const std::string& content_type) {
+  const GObjectRef<GMimeContentType> parsed(
+      g_mime_content_type_parse(nullptr, content_type.c_str()));
+  const char* boundary =
+      parsed ? g_mime_content_type_get_parameter(parsed.get(), "boundary") : nullptr;
+  if (boundary == nullptr) return std::nullopt;
+  return boundary;
+}
+
+std::string decode_stored(const Stored_message_reader& reader,
+                          const std::optional<std::string>& transfer_encoding, off_t start,
+                          off_t end) {
+  std::string out;
+  Transfer_decoder decoder(ClassifyTransferEncoding(transfer_encoding));
+  reader.read_range(start, end,
+                    [&](const char* data, std::size_t size) { decoder.feed(data, size, out); });
+  decoder.finish(out);
+  return out;
+}
+
+}  // namespace
+
+std::string_view TrimFieldBody(std::string_view raw) {
   const std::size_t first = raw.find_first_not_of(" \t");
   if (first == std::string_view::npos) return {};
   const std::size_t last = raw.find_last_not_of(" \t\r\n\v\f");
@@ -43,14 +128,12 @@ std::string_view trim_field_body(std::string_view raw) {
   return raw.substr(first, last - first + 1);
 }
 
-}  // namespace
-
 std::optional<std::string> FieldBody(GMimeHeaderList* headers, const char* name) {
   if (headers == nullptr) return std::nullopt;
   GMimeHeader* header = g_mime_header_list_get_header(headers, name);
   if (header == nullptr) return std::nullopt;
   const char* raw = g_mime_header_get_raw_value(header);
-  return std::string(trim_field_body(raw != nullptr ? raw : ""));
+  return std::string(TrimFieldBody(raw != nullptr ? raw : ""));
 }
 
 std::optional<std::string> FieldBody(GMimeObject* object, const char* name) {
@@ -104,7 +187,10 @@ Transfer_decoding ClassifyTransferEncoding(const std::optional<std::string>& fie
 }
 
 std::string GetCharset(GMimeObject* entity) {
-  const std::optional<std::string> content_type = FieldBody(entity, "Content-Type");
+  return CharsetOf(FieldBody(entity, "Content-Type"));
+}
+
+std::string CharsetOf(const std::optional<std::string>& content_type) {
   if (!content_type) return "US-ASCII";
   const GObjectRef<GMimeContentType> parsed(
       g_mime_content_type_parse(nullptr, content_type->c_str()));
@@ -125,34 +211,17 @@ std::string GetCharset(GMimeObject* entity) {
 void DecodeBody(GMimeObject* entity, GMimeStream* body, std::string& out) {
   out.clear();
   if (body == nullptr) return;
-  const Transfer_decoding decoding =
-      ClassifyTransferEncoding(FieldBody(entity, "Content-Transfer-Encoding"));
-  GMimeEncoding state;
-  if (decoding == Transfer_decoding::kBase64) {
-    g_mime_encoding_init_decode(&state, GMIME_CONTENT_ENCODING_BASE64);
-  } else if (decoding == Transfer_decoding::kQuotedPrintable) {
-    g_mime_encoding_init_decode(&state, GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE);
-  }
-
+  Transfer_decoder decoder(
+      ClassifyTransferEncoding(FieldBody(entity, "Content-Transfer-Encoding")));
   std::vector<char> block(kDecodeBlockSize);
-  std::vector<char> decoded;
   g_mime_stream_reset(body);
   for (;;) {
     // A read error ends the content like its end does.
     const gssize got = g_mime_stream_read(body, block.data(), block.size());
     if (got <= 0) break;
-    const std::size_t length = static_cast<std::size_t>(got);
-    if (decoding == Transfer_decoding::kNone) {
-      out.append(block.data(), length);
-      continue;
-    }
-    decoded.resize(g_mime_encoding_outlen(&state, length));
-    out.append(decoded.data(), g_mime_encoding_step(&state, block.data(), length, decoded.data()));
+    decoder.feed(block.data(), static_cast<std::size_t>(got), out);
   }
-  if (decoding != Transfer_decoding::kNone) {
-    decoded.resize(g_mime_encoding_outlen(&state, 0));
-    out.append(decoded.data(), g_mime_encoding_flush(&state, block.data(), 0, decoded.data()));
-  }
+  decoder.finish(out);
 }
 
 Text_body SelectTextBody(GMimeMessage* message, GMimeStream* message_body) {
@@ -189,6 +258,42 @@ Text_body SelectTextBody(GMimeMessage* message, GMimeStream* message_body) {
     }
     DecodeBody(part, content, result.text);
     return result;
+  }
+  return result;
+}
+
+Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_headers& message) {
+  Text_body result;
+  const Main_type main_type =
+      message.content_type ? MainType(*message.content_type) : Main_type::kText;
+  if (main_type == Main_type::kText) {
+    result.charset = CharsetOf(message.content_type);
+    if (message.content_start) {
+      result.text = decode_stored(reader, message.transfer_encoding, *message.content_start,
+                                  std::numeric_limits<off_t>::max());
+    }
+    return result;
+  }
+  if (main_type != Main_type::kMultipart || !message.content_start) return result;
+  const std::optional<std::string> boundary = boundary_of(*message.content_type);
+  if (!boundary) return result;
+
+  const std::string delimiter = "--" + *boundary;
+  reader.seek(*message.content_start);
+  Boundary_hit hit = next_boundary(reader, delimiter);  // past the preface
+  while (hit.kind == Boundary_kind::kDelimiter) {
+    reader.consume_line();
+    const Entity_headers part = ReadHeaderBlock(reader, Header_block_kind::kPart, delimiter);
+    if (!part.readable) break;
+    const off_t start = reader.offset();
+    hit = next_boundary(reader, delimiter);
+    // A part without its own Content-Type is not text here, whatever the
+    // MIME default says.
+    if (part.content_type && MainType(*part.content_type) == Main_type::kText) {
+      result.charset = CharsetOf(part.content_type);
+      result.text = decode_stored(reader, part.transfer_encoding, start, hit.content_end);
+      break;
+    }
   }
   return result;
 }

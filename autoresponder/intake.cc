@@ -3,21 +3,22 @@
 //
 // Copies standard input (a pipe or a file) in large blocks into a new file
 // made from mail_file_name, which is kept for forwarding and removed by the
-// run's clean-up. The message is then parsed from that file with GMime's
-// persistent stream parser, so the parts stay on disk as windows into the
-// file and only the selected text body is read into memory: memory use does
-// not grow with attachments.
+// run's clean-up. The message is then read from that file in bounded memory:
+// the fields the record needs from its header block, and the selected text
+// body (body_selection). Memory grows with those fields and that text only,
+// never with the message's other headers, parts, nesting or size.
 //
 // Fails (returns 1 after one line on standard error) when the file cannot be
 // created, when neither Reply-To nor From yields a mailbox, and when
 // RESP_RECIPIENT is unset. Charset and subject conversion failures are
-// reported and the intake goes on. Other exceptions (exhausted memory, a
-// failed dup of the stored file) pass to the caller.
+// reported and the intake goes on. Other exceptions (exhausted memory) pass
+// to the caller.
 #include "autoresponder/intake.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -26,13 +27,13 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "autoresponder/address_list.h"
 #include "autoresponder/body_selection.h"
 #include "autoresponder/gmime_handle.h"
+#include "autoresponder/stored_message.h"
 #include "lib/paths.h"
 #include "lib/text_encoding/iconv_recode.h"
 #include "lib/text_encoding/rfc1522.h"
@@ -99,30 +100,21 @@ std::string up_to_nul(std::string text) {
 
 // Reply-To before From. Reply-To is an address list whose groups are never
 // taken; From is a list of mailboxes.
-std::optional<Mailbox_address> choose_sender(GMimeHeaderList* headers) {
-  if (const auto reply_to = FieldBody(headers, "Reply-To")) {
-    if (auto mailbox = GetMailboxFromAddressList(*reply_to)) return mailbox;
+std::optional<Mailbox_address> choose_sender(const Entity_headers& headers) {
+  if (headers.reply_to) {
+    if (auto mailbox = GetMailboxFromAddressList(*headers.reply_to)) return mailbox;
   }
-  if (const auto from = FieldBody(headers, "From")) return GetMailboxFromMailboxList(*from);
+  if (headers.from) return GetMailboxFromMailboxList(*headers.from);
   return std::nullopt;
-}
-
-// Where the message's body starts in the stored file: after the blank line
-// (LF or CR LF) at `headers_end`. nullopt when the header block has no blank
-// line after it, so the body is empty.
-std::optional<gint64> body_start(int spool, gint64 headers_end) {
-  if (headers_end < 0) return std::nullopt;
-  char blank[2];
-  const ssize_t got = pread(spool, blank, sizeof blank, headers_end);
-  if (got == 2 && blank[0] == '\r' && blank[1] == '\n') return headers_end + 2;
-  if (got >= 1 && blank[0] == '\n') return headers_end + 1;
-  return headers_end;
 }
 
 // Every piece between line feeds, the one after the last line feed too, so
 // there is always one line more than the text has line feeds.
 std::vector<std::string> split_lines(const std::string& text) {
   std::vector<std::string> lines;
+  // Counted first: a body of many short lines would otherwise cost up to
+  // twice its vector in spare capacity.
+  lines.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
   std::size_t start = 0;
   for (;;) {
     const std::size_t end = text.find('\n', start);
@@ -161,21 +153,11 @@ int parse_message(Mail_content* mail) {
   gmime_init_once();
   spool_input(STDIN_FILENO, spool.get());
 
-  // The parser reads through its own descriptor (the stream closes it); it
-  // shares the file offset, so the stream is bound to the whole file.
-  Unique_fd parse_fd(dup(spool.get()));
-  if (!parse_fd) {
-    throw std::system_error(errno, std::generic_category(), "cannot read the stored message");
-  }
-  const GObjectRef<GMimeStream> file(g_mime_stream_fs_new_with_bounds(parse_fd.release(), 0, -1));
-  const GObjectRef<GMimeParser> parser(g_mime_parser_new_with_stream(file.get()));
-  const GObjectRef<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), nullptr));
-  const gint64 headers_end = g_mime_parser_get_headers_end(parser.get());
-
-  // Input that does not start with a header block gives no message at all.
-  GMimeHeaderList* headers =
-      message ? g_mime_object_get_header_list(GMIME_OBJECT(message.get())) : nullptr;
-  const std::optional<Mailbox_address> sender = choose_sender(headers);
+  Stored_message_reader reader(spool.get());
+  const Entity_headers message = ReadHeaderBlock(reader, Header_block_kind::kMessage);
+  // Input that does not start with a header block has no sender.
+  const std::optional<Mailbox_address> sender =
+      message.readable ? choose_sender(message) : std::nullopt;
   if (!sender) {
     std::cerr << "Could not get sender's e-mail address from Reply-To: or From: headers."
               << std::endl;
@@ -187,14 +169,10 @@ int parse_message(Mail_content* mail) {
               << std::endl;
     return 1;
   }
-  const std::string subject_text = up_to_nul(FieldBody(headers, "Subject").value_or(""));
-  const std::string date_text = up_to_nul(FieldBody(headers, "Date").value_or(""));
+  const std::string subject_text = message.subject.value_or("");
+  const std::string date_text = message.date.value_or("");
 
-  GObjectRef<GMimeStream> message_body;
-  if (const auto start = body_start(spool.get(), headers_end)) {
-    message_body.reset(g_mime_stream_substream(file.get(), *start, -1));
-  }
-  Text_body text = SelectTextBody(message.get(), message_body.get());
+  Text_body text = SelectStoredTextBody(reader, message);
   std::string body = up_to_nul(std::move(text.text));
   try {
     body = orvik::iconvRecode(body, text.charset, "UTF-8", true);

@@ -14,6 +14,9 @@
 #   fail        read everything, record, exit 1
 #   exit-early  record the arguments, exit 0 without reading the input
 started=$(date +%s.%N)
+# A file-size limit set for the program (a full /tmp) is not the mail
+# system's: lift it for the recording.
+ulimit -S -f unlimited 2>/dev/null || true
 root=$(cd "$(dirname "$0")/../.." && pwd)
 log=$root/sendmail-log
 mkdir -p "$log"

@@ -3,7 +3,8 @@
 // connection to the private test database.
 //
 // Owns one process-wide MYSQL* (closed at exit) and, per run, the child
-// process and its scratch files under <root>/harness-run. Setup failures
+// process and its scratch files under <root>/harness-run (numbered per call,
+// so threads may run programs side by side). Setup failures
 // (unreadable files, a database that does not answer, a failed statement)
 // throw std::runtime_error, which GoogleTest reports as a failure of the
 // test; a child that hangs is killed after a minute.
@@ -16,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -288,15 +290,18 @@ std::vector<std::string> Sandbox::tmp_files() {
 
 // ---------------------------------------------------------------- runner
 
-RunResult run_program(const std::vector<std::string>& argv, const std::string& input,
+RunResult run_program(const std::vector<std::string>& argv, std::string input,
                       const std::optional<std::string>& recipient,
-                      const std::map<std::string, std::string>& extra_env) {
+                      const std::map<std::string, std::string>& extra_env,
+                      const RunLimits& limits) {
   if (argv.empty()) throw std::runtime_error("run_program: empty argument vector");
-  const std::string run_dir = Sandbox::path(kRunDir);
-  const std::string in_file = run_dir + "/stdin";
-  const std::string out_file = run_dir + "/stdout";
-  const std::string err_file = run_dir + "/stderr";
+  static std::atomic<unsigned> calls{0};
+  const std::string scratch = Sandbox::path(kRunDir) + "/" + std::to_string(++calls);
+  const std::string in_file = scratch + ".stdin";
+  const std::string out_file = scratch + ".stdout";
+  const std::string err_file = scratch + ".stderr";
   write_whole_file(in_file, input);
+  std::string().swap(input);
 
   Environment env;
   if (recipient) {
@@ -314,21 +319,29 @@ RunResult run_program(const std::vector<std::string>& argv, const std::string& i
   for (std::string& a : args) arg_block.push_back(a.data());
   arg_block.push_back(nullptr);
   std::vector<char*> env_block = env.block();
+  rlimit file_size{};
+  getrlimit(RLIMIT_FSIZE, &file_size);
+  if (limits.file_size) file_size.rlim_cur = *limits.file_size;
 
   const int in_fd = open(in_file.c_str(), O_RDONLY | O_CLOEXEC);
   const int out_fd = open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   const int err_fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (in_fd < 0 || out_fd < 0 || err_fd < 0) {
-    throw std::runtime_error("run_program: cannot open the scratch files in " + run_dir);
+    throw std::runtime_error("run_program: cannot open the scratch files " + scratch + ".*");
   }
 
   std::fflush(nullptr);
+  const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
     if (dup2(in_fd, 0) < 0 || dup2(out_fd, 1) < 0 || dup2(err_fd, 2) < 0) _exit(126);
     // The program starts as the mail system starts it: with the three
     // standard streams only (not, say, the harness's database socket).
     close_range(3, ~0U, 0);
+    if (limits.file_size) {
+      signal(SIGXFSZ, SIG_IGN);
+      setrlimit(RLIMIT_FSIZE, &file_size);
+    }
     execve(arg_block[0], arg_block.data(), env_block.data());
     const char message[] = "run_program: execve failed\n";
     (void)!write(2, message, sizeof message - 1);
@@ -341,30 +354,36 @@ RunResult run_program(const std::vector<std::string>& argv, const std::string& i
 
   RunResult result;
   int status = 0;
-  const auto deadline = std::chrono::steady_clock::now() + kRunTimeout;
+  rusage usage{};
+  const auto deadline = started + kRunTimeout;
   for (;;) {
-    const pid_t done = waitpid(pid, &status, WNOHANG);
+    const pid_t done = wait4(pid, &status, WNOHANG, &usage);
     if (done == pid) break;
     if (done < 0 && errno != EINTR) {
-      throw std::runtime_error(std::string("run_program: waitpid: ") + std::strerror(errno));
+      throw std::runtime_error(std::string("run_program: wait4: ") + std::strerror(errno));
     }
     if (std::chrono::steady_clock::now() > deadline) {
       kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
+      wait4(pid, &status, 0, &usage);
       ADD_FAILURE() << argv[0] << " ran longer than " << kRunTimeout.count() << " s; killed";
       break;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
+  result.seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  result.peak_rss_kib = usage.ru_maxrss;
   result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.out = read_whole_file(out_file);
   result.err = read_whole_file(err_file);
+  for (const std::string& file : {in_file, out_file, err_file}) fs::remove(file);
   return result;
 }
 
-RunResult run_autoresponder(const std::string& message, const std::optional<std::string>& recipient,
-                            const std::map<std::string, std::string>& extra_env) {
-  return run_program({autoresponder_path()}, message, recipient, extra_env);
+RunResult run_autoresponder(std::string message, const std::optional<std::string>& recipient,
+                            const std::map<std::string, std::string>& extra_env,
+                            const RunLimits& limits) {
+  return run_program({autoresponder_path()}, std::move(message), recipient, extra_env, limits);
 }
 
 std::string autoresponder_path() {
@@ -460,6 +479,32 @@ ExtraServer::~ExtraServer() {
 
 void ExtraServer::exec(const std::string& statement) {
   run_statement(root_.get(), statement);
+}
+
+std::optional<std::string> ExtraServer::scalar(const std::string& statement) {
+  const auto rows = rows_of(root_.get(), statement);
+  if (rows.empty() || rows.front().empty()) return std::nullopt;
+  return rows.front().front();
+}
+
+void ExtraServer::kill(int signal) {
+  std::ifstream pid_file(dir_ + "/mariadbd.pid");
+  pid_t pid = 0;
+  if (!(pid_file >> pid) || pid <= 0) throw std::runtime_error("no server pid in " + dir_);
+  if (::kill(pid, signal) != 0) throw std::runtime_error("cannot signal the server in " + dir_);
+  // Not our child, so possibly left a zombie nobody reaps: gone when its
+  // state reads Z or the pid is free.
+  const auto gone = [pid] {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) return true;
+    const std::size_t paren = line.rfind(')');
+    return paren == std::string::npos || line.compare(paren, 3, ") Z") == 0;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + kRunTimeout;
+  while (!gone() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 std::vector<std::string> ExtraServer::statements_sent() {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <mysql.h>
+#include <sys/resource.h>
 
 #include <map>
 #include <optional>
@@ -24,9 +25,19 @@ struct SendmailCall {
 };
 
 struct RunResult {
-  int exit_status = -1;  // exit status, or 128 + signal number
-  std::string out;       // standard output
-  std::string err;       // standard error
+  int exit_status = -1;   // exit status, or 128 + signal number
+  std::string out;        // standard output
+  std::string err;        // standard error
+  double seconds = 0;     // wall time from start to end
+  long peak_rss_kib = 0;  // peak resident memory of the child and the children it waited for
+};
+
+// Limits for the child. file_size is the soft RLIMIT_FSIZE in bytes, with
+// SIGXFSZ ignored, so a write past it fails with EFBIG, as on a full file
+// system (the fake sendmail lifts it for itself: only the program's own files
+// are limited, its standard output and error included).
+struct RunLimits {
+  std::optional<rlim_t> file_size;
 };
 
 // How the fake sendmail behaves: record and exit 0; record and exit 1;
@@ -66,18 +77,23 @@ class Sandbox {
 // Runs the sandboxed autoresponder with `message` on standard input and
 // RESP_RECIPIENT set to `recipient` (unset when nullopt); MYSQL_UNIX_PORT
 // points at the test database. `extra_env` adds or replaces variables.
-RunResult run_autoresponder(const std::string& message, const std::optional<std::string>& recipient,
-                            const std::map<std::string, std::string>& extra_env = {});
+RunResult run_autoresponder(std::string message, const std::optional<std::string>& recipient,
+                            const std::map<std::string, std::string>& extra_env = {},
+                            const RunLimits& limits = {});
 
 // The runner underneath: starts argv[0] with `argv`, `input` on standard
-// input (from a file, so input of any size works), standard output and error
+// input (from a file, so input of any size works; the string is released
+// before the start, so a large input does not count in the child's peak
+// resident memory, which starts from the caller's), standard output and error
 // captured; the environment is the test's own, with RESP_RECIPIENT set to
 // `recipient` or removed, MYSQL_UNIX_PORT set to the test database's socket
 // when one runs, and `extra_env` applied last. A child that runs longer than
-// a minute is killed (status 128 + SIGKILL) and the test fails.
-RunResult run_program(const std::vector<std::string>& argv, const std::string& input,
+// a minute is killed (status 128 + SIGKILL) and the test fails. Each call has
+// scratch files of its own, so threads may run programs at the same time.
+RunResult run_program(const std::vector<std::string>& argv, std::string input,
                       const std::optional<std::string>& recipient,
-                      const std::map<std::string, std::string>& extra_env = {});
+                      const std::map<std::string, std::string>& extra_env = {},
+                      const RunLimits& limits = {});
 
 // The path of the sandboxed binary.
 std::string autoresponder_path();
@@ -137,6 +153,10 @@ class ExtraServer {
 
   const std::string& socket() const { return socket_; }
   void exec(const std::string& statement);
+  std::optional<std::string> scalar(const std::string& statement);
+  // Sends `signal` to the server process and waits until it has gone
+  // (SIGTERM: a shutdown, SIGKILL: a crash).
+  void kill(int signal);
   // As TestDb::statements_sent, on this server.
   std::vector<std::string> statements_sent();
 

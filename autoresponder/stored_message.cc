@@ -1,0 +1,228 @@
+// Bounded-memory reading of the stored incoming message: the line window and
+// the header block reader.
+//
+// Owns a buffer of two windows; reads the borrowed descriptor with pread, so
+// several readers (and the decoder's range reads) never disturb each other's
+// position. A read error ends the file for the reader, like its end does.
+// Header blocks follow the MIME library's reading of malformed headers (which
+// lines are fields, where a block ends), so the results match a parse of the
+// whole message; only what the intake needs is kept.
+#include "autoresponder/stored_message.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "autoresponder/body_selection.h"
+
+namespace {
+
+bool is_blank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+bool is_control(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < 32 || byte == 127;
+}
+
+bool is_empty_line(std::string_view line) {
+  return line == "\n" || line.starts_with("\r\n");
+}
+
+// How the first line of a field reads: a name ending in a colon, a line that
+// is no field (stopped where the name broke off), or a name still open where
+// the line ends.
+struct Name_scan {
+  enum { kField, kNoField, kOpen } result;
+  std::size_t length;  // the name before trailing blanks, or where it broke off
+};
+
+Name_scan scan_name(std::string_view line) {
+  bool blank = false;
+  std::size_t name_end = 0;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    const char c = line[i];
+    // A line that starts with the colon is no field, though one that starts
+    // with blanks before it is (of an empty name).
+    if (c == ':') return {i == 0 ? Name_scan::kNoField : Name_scan::kField, blank ? name_end : i};
+    if (is_blank(c)) {
+      if (!blank) name_end = i;
+      blank = true;
+    } else if (blank || is_control(c)) {
+      return {Name_scan::kNoField, i};
+    }
+  }
+  return {Name_scan::kOpen, line.size()};
+}
+
+// A mailbox separator line that may precede a message's fields.
+bool is_from_line(std::string_view line, std::size_t scanned) {
+  std::string_view text = line.substr(0, scanned);
+  if (text.starts_with('>')) text.remove_prefix(1);
+  return text.starts_with("From ");
+}
+
+bool name_is(std::string_view name, const char* wanted) {
+  return name.size() == std::strlen(wanted) && strncasecmp(name.data(), wanted, name.size()) == 0;
+}
+
+// Where the first field of `name` goes, or null when the block does not keep
+// it (another name, a later field of the name, a part's sender fields).
+std::optional<std::string>* field_slot(Entity_headers& headers, Header_block_kind kind,
+                                       std::string_view name) {
+  std::optional<std::string>* slot = nullptr;
+  if (name_is(name, "Content-Type")) {
+    slot = &headers.content_type;
+  } else if (name_is(name, "Content-Transfer-Encoding")) {
+    slot = &headers.transfer_encoding;
+  } else if (kind == Header_block_kind::kPart) {
+    return nullptr;
+  } else if (name_is(name, "Reply-To")) {
+    slot = &headers.reply_to;
+  } else if (name_is(name, "From")) {
+    slot = &headers.from;
+  } else if (name_is(name, "Subject")) {
+    slot = &headers.subject;
+  } else if (name_is(name, "Date")) {
+    slot = &headers.date;
+  }
+  return slot != nullptr && !slot->has_value() ? slot : nullptr;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- reader
+
+Stored_message_reader::Stored_message_reader(int fd) : fd_(fd), buffer_(2 * kWindow) {}
+
+void Stored_message_reader::seek(off_t offset) {
+  offset_ = offset;
+  begin_ = end_ = 0;
+}
+
+ssize_t Stored_message_reader::read_at(char* into, std::size_t size, off_t at) const {
+  for (;;) {
+    const ssize_t got = pread(fd_, into, size, at);
+    if (got >= 0 || errno != EINTR) return got;
+  }
+}
+
+std::size_t Stored_message_reader::fill(std::size_t wanted) {
+  if (end_ - begin_ >= wanted) return end_ - begin_;
+  std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+  end_ -= begin_;
+  begin_ = 0;
+  while (end_ < wanted) {
+    const ssize_t got =
+        read_at(buffer_.data() + end_, buffer_.size() - end_, offset_ + static_cast<off_t>(end_));
+    if (got <= 0) break;
+    end_ += static_cast<std::size_t>(got);
+  }
+  return end_;
+}
+
+std::string_view Stored_message_reader::peek_line() {
+  std::string_view held(buffer_.data() + begin_, end_ - begin_);
+  std::size_t lf = held.find('\n');
+  if (lf == std::string_view::npos && held.size() < kWindow) {
+    held = std::string_view(buffer_.data(), fill(kWindow));
+    lf = held.find('\n');
+  }
+  if (lf != std::string_view::npos) return held.substr(0, lf + 1);
+  return held.substr(0, std::min(held.size(), kWindow));
+}
+
+void Stored_message_reader::consume_line(std::string* keep) {
+  consumed_crlf_ = false;
+  for (;;) {
+    const std::string_view held(buffer_.data() + begin_, end_ - begin_);
+    const std::size_t lf = held.find('\n');
+    const std::size_t taken = lf == std::string_view::npos ? held.size() : lf + 1;
+    if (keep != nullptr) keep->append(held.data(), taken);
+    if (lf != std::string_view::npos)
+      consumed_crlf_ = (lf > 0 ? held[lf - 1] : last_consumed_) == '\r';
+    if (taken > 0) last_consumed_ = held[taken - 1];
+    begin_ += taken;
+    offset_ += static_cast<off_t>(taken);
+    if (lf != std::string_view::npos || fill(1) == 0) return;
+  }
+}
+
+// ---------------------------------------------------------------- header block
+
+Boundary_kind ClassifyBoundaryLine(std::string_view line, std::string_view delimiter) {
+  if (!line.ends_with('\n') && line.size() >= Stored_message_reader::kWindow) {
+    return Boundary_kind::kNone;
+  }
+  if (!line.starts_with(delimiter)) return Boundary_kind::kNone;
+  line.remove_prefix(delimiter.size());
+  const auto only_space = [](std::string_view rest) {
+    return rest.find_first_not_of(" \t\r\n") == std::string_view::npos;
+  };
+  if (line.starts_with("--") && only_space(line.substr(2))) return Boundary_kind::kClose;
+  return only_space(line) ? Boundary_kind::kDelimiter : Boundary_kind::kNone;
+}
+
+Entity_headers ReadHeaderBlock(Stored_message_reader& reader, Header_block_kind kind,
+                               std::string_view delimiter) {
+  Entity_headers headers;
+  bool in_field = false;   // a field is open: lines beginning with a blank continue it
+  bool any_field = false;  // a field has been read (then lines that are no field are dropped)
+  std::optional<std::string>* slot = nullptr;  // where the open field is kept, if anywhere
+  std::string text;                            // the open field, when kept
+
+  const auto close_field = [&] {
+    if (slot != nullptr) {
+      const std::string_view raw = std::string_view(text).substr(text.find(':') + 1);
+      *slot = std::string(TrimFieldBody(raw.substr(0, raw.find('\0'))));
+    }
+    slot = nullptr;
+    text.clear();
+    in_field = false;
+  };
+
+  for (;;) {
+    const std::string_view line = reader.peek_line();
+    if (line.empty()) break;
+    if (!in_field || !is_blank(line.front())) {
+      close_field();
+      if (is_empty_line(line)) {
+        reader.consume_line();
+        headers.content_start = reader.offset();
+        return headers;
+      }
+      if (kind == Header_block_kind::kPart &&
+          ClassifyBoundaryLine(line, delimiter) != Boundary_kind::kNone) {
+        headers.content_start = reader.offset();
+        return headers;
+      }
+      const Name_scan name = scan_name(line);
+      const bool whole_line = line.back() == '\n' || line.size() == Stored_message_reader::kWindow;
+      if (name.result == Name_scan::kOpen && !whole_line) {
+        // The file ends inside a field name.
+        headers.readable = false;
+        return headers;
+      }
+      if (name.result != Name_scan::kField && !any_field) {
+        if (kind == Header_block_kind::kMessage && !is_from_line(line, name.length)) {
+          headers.readable = false;
+          return headers;
+        }
+        reader.consume_line();
+        continue;
+      }
+      in_field = true;
+      if (name.result == Name_scan::kField) {
+        any_field = true;
+        slot = field_slot(headers, kind, line.substr(0, name.length));
+      }
+    }
+    reader.consume_line(slot != nullptr ? &text : nullptr);
+  }
+  close_field();
+  return headers;
+}
