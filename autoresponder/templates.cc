@@ -27,11 +27,13 @@ NameScan scan_name(const char* start, char close, char (&name)[kTemplNameMax + 1
                    std::size_t& length) {
   for (length = 0; length <= kTemplNameMax; ++length) {
     const char c = start[length];
+    // The end of the template comes first, so that a NUL closing delimiter
+    // never reads as a close past the terminator.
+    if (c == '\0') return NameScan::kUnclosed;
     if (c == close) {
       name[length] = '\0';
       return length == 0 ? NameScan::kEmpty : NameScan::kName;
     }
-    if (c == '\0') return NameScan::kUnclosed;
     if (length < kTemplNameMax) name[length] = c;
   }
   return NameScan::kTooLong;
