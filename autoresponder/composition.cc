@@ -14,6 +14,7 @@
 // through the message log with status 1, leaving the temporary files.
 #include "autoresponder/composition.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -54,11 +55,26 @@ struct FileCloser {
 };
 using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
+// Opens an attachment for reading without ever blocking: a FIFO in the
+// repository would otherwise hold fopen until some writer appears. On a FIFO
+// a read then ends at once; regular files ignore the flag.
+UniqueFile open_attachment(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  UniqueFile file(fdopen(fd, "r"));
+  if (!file) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return file;
+}
+
 // Streams the file as base64 lines, 45 bytes in and one line out at a time,
 // so the attachment is never held in memory. Stops at the first read that
 // yields nothing (end of file or a read error alike).
 void write_base64_file(std::ostream& out, const std::string& path) {
-  UniqueFile file(std::fopen(path.c_str(), "r"));
+  UniqueFile file = open_attachment(path);
   if (!file) {
     const int error = errno;
     std::cerr << "autoresponder: Failed to read attachement file '" << path

@@ -68,6 +68,7 @@ const char* loop_guard_refusal(const Mail_content& mail) {
 
 void run_autoresponder(int /*argc*/, char** argv) {
   PROGNAME = argv[0];
+  open_standard_descriptors();
   // Before any library can read the environment.
   drop_privileged_environment(getauxval(AT_SECURE) != 0);
   autoprepend();

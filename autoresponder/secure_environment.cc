@@ -1,7 +1,7 @@
-// Removal of the database client's environment variables on a privileged
-// start.
+// Hardening of the start: the standard descriptors made safe, and the
+// database client's environment variables removed on a privileged start.
 //
-// The program is installed set-user-ID root and runs on behalf of mailbox
+// The program may be installed set-user-ID root and runs on behalf of mailbox
 // owners; the client library reads its socket, port, host, password, debug
 // trace, option files (through HOME and its home variables) and plugins from
 // the environment. Left in place, they would let the invoking user make the
@@ -11,7 +11,11 @@
 // these valid names, so nothing is reported.
 #include "autoresponder/secure_environment.h"
 
+#include <fcntl.h>
+
 #include <cstdlib>
+
+#include "lib/paths.h"
 
 namespace {
 
@@ -42,4 +46,12 @@ constexpr const char* kClientLibraryVariables[] = {
 void drop_privileged_environment(bool secure) {
   if (!secure) return;
   for (const char* name : kClientLibraryVariables) unsetenv(name);
+}
+
+void open_standard_descriptors() {
+  // open() returns the lowest free number, so each /dev/null lands on the
+  // closed descriptor it replaces.
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1 && open(orvik::paths::kDevNull, O_RDWR) != fd) return;
+  }
 }
