@@ -20,9 +20,6 @@
 
 namespace {
 
-// The size of the blocks in which an entity's content is read and decoded.
-constexpr std::size_t kDecodeBlockSize = 64 * 1024;
-
 bool is_blank_or_control(unsigned char c) {
   return c <= ' ' || c == 127;
 }
@@ -100,7 +97,7 @@ Boundary_hit next_boundary(Stored_message_reader& reader, std::string_view delim
 
 std::optional<std::string> boundary_of(const std::string& content_type) {
   const GObjectRef<GMimeContentType> parsed(
-      g_mime_content_type_parse(nullptr, content_type.c_str()));
+      g_mime_content_type_parse(gmime_parser_options(), content_type.c_str()));
   const char* boundary =
       parsed ? g_mime_content_type_get_parameter(parsed.get(), "boundary") : nullptr;
   if (boundary == nullptr) return std::nullopt;
@@ -126,19 +123,6 @@ std::string_view TrimFieldBody(std::string_view raw) {
   const std::size_t last = raw.find_last_not_of(" \t\r\n\v\f");
   if (last == std::string_view::npos || last < first) return {};
   return raw.substr(first, last - first + 1);
-}
-
-std::optional<std::string> FieldBody(GMimeHeaderList* headers, const char* name) {
-  if (headers == nullptr) return std::nullopt;
-  GMimeHeader* header = g_mime_header_list_get_header(headers, name);
-  if (header == nullptr) return std::nullopt;
-  const char* raw = g_mime_header_get_raw_value(header);
-  return std::string(TrimFieldBody(raw != nullptr ? raw : ""));
-}
-
-std::optional<std::string> FieldBody(GMimeObject* object, const char* name) {
-  if (object == nullptr) return std::nullopt;
-  return FieldBody(g_mime_object_get_header_list(object), name);
 }
 
 Main_type MainType(std::string_view content_type) {
@@ -186,14 +170,10 @@ Transfer_decoding ClassifyTransferEncoding(const std::optional<std::string>& fie
   return Transfer_decoding::kNone;
 }
 
-std::string GetCharset(GMimeObject* entity) {
-  return CharsetOf(FieldBody(entity, "Content-Type"));
-}
-
 std::string CharsetOf(const std::optional<std::string>& content_type) {
   if (!content_type) return "US-ASCII";
   const GObjectRef<GMimeContentType> parsed(
-      g_mime_content_type_parse(nullptr, content_type->c_str()));
+      g_mime_content_type_parse(gmime_parser_options(), content_type->c_str()));
   if (!parsed) return "US-ASCII";
   GMimeParamList* params = g_mime_content_type_get_parameters(parsed.get());
   const int count = params != nullptr ? g_mime_param_list_length(params) : 0;
@@ -206,60 +186,6 @@ std::string CharsetOf(const std::optional<std::string>& content_type) {
     }
   }
   return "US-ASCII";
-}
-
-void DecodeBody(GMimeObject* entity, GMimeStream* body, std::string& out) {
-  out.clear();
-  if (body == nullptr) return;
-  Transfer_decoder decoder(
-      ClassifyTransferEncoding(FieldBody(entity, "Content-Transfer-Encoding")));
-  std::vector<char> block(kDecodeBlockSize);
-  g_mime_stream_reset(body);
-  for (;;) {
-    // A read error ends the content like its end does.
-    const gssize got = g_mime_stream_read(body, block.data(), block.size());
-    if (got <= 0) break;
-    decoder.feed(block.data(), static_cast<std::size_t>(got), out);
-  }
-  decoder.finish(out);
-}
-
-Text_body SelectTextBody(GMimeMessage* message, GMimeStream* message_body) {
-  Text_body result;
-  GMimeObject* top = g_mime_message_get_mime_part(message);
-  const std::optional<std::string> content_type = FieldBody(top, "Content-Type");
-  const Main_type main_type = content_type ? MainType(*content_type) : Main_type::kText;
-
-  if (main_type == Main_type::kText) {
-    result.charset = GetCharset(top);
-    DecodeBody(top, message_body, result.text);
-    return result;
-  }
-  // A multipart whose first Content-Type GMime did not build as one (a later
-  // Content-Type overrode it) has no parts to look at.
-  if (main_type != Main_type::kMultipart || !GMIME_IS_MULTIPART(top)) return result;
-
-  GMimeMultipart* multipart = GMIME_MULTIPART(top);
-  const int count = g_mime_multipart_get_count(multipart);
-  for (int i = 0; i < count; ++i) {
-    GMimeObject* part = g_mime_multipart_get_part(multipart, i);
-    // A part without its own Content-Type is not text here, whatever the
-    // MIME default says.
-    const std::optional<std::string> part_type = FieldBody(part, "Content-Type");
-    if (!part_type || MainType(*part_type) != Main_type::kText) continue;
-
-    result.charset = GetCharset(part);
-    // A part that GMime built as something else (a later Content-Type of
-    // another type) still ends the walk, with an empty body.
-    GMimeStream* content = nullptr;
-    if (GMIME_IS_PART(part)) {
-      GMimeDataWrapper* wrapper = g_mime_part_get_content(GMIME_PART(part));
-      if (wrapper != nullptr) content = g_mime_data_wrapper_get_stream(wrapper);
-    }
-    DecodeBody(part, content, result.text);
-    return result;
-  }
-  return result;
 }
 
 Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_headers& message) {

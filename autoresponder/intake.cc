@@ -32,7 +32,6 @@
 
 #include "autoresponder/address_list.h"
 #include "autoresponder/body_selection.h"
-#include "autoresponder/gmime_handle.h"
 #include "autoresponder/stored_message.h"
 #include "lib/paths.h"
 #include "lib/text_encoding/iconv_recode.h"
@@ -150,7 +149,6 @@ int parse_message(Mail_content* mail) {
     std::cerr << "Could not create a temporary file." << std::endl;
     return 1;
   }
-  gmime_init_once();
   spool_input(STDIN_FILENO, spool.get());
 
   Stored_message_reader reader(spool.get());
