@@ -137,7 +137,7 @@ bool holds_line_break(const std::string& text) {
 }
 
 // The mailbox reader proper: a phrase or local part, then either "<" with an
-// optional route before ":" and an addr-spec, or "@" and the domain. Tokens
+// optional route before ":" and a local part "@" domain, or "@" and the domain. Tokens
 // that have no place in the current state are passed over.
 std::optional<Mailbox_address> read_mailbox(std::span<const Token> tokens) {
   for (const Token& token : tokens) {

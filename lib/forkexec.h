@@ -12,5 +12,4 @@
 
 pid_t fork_execv_pipes(int in, int out, int err, const char* path, const char* const args[]);
 // The argument vector given one by one, ended by a null pointer.
-pid_t fork_execl_pipes(int in, int out, int err, const char* path, ...)
-    __attribute__((sentinel));
+pid_t fork_execl_pipes(int in, int out, int err, const char* path, ...) __attribute__((sentinel));

@@ -15,7 +15,9 @@ const char kPanelConfigFile[] = ROOT_PREFIX "/etc/ovk/ovk.conf";
 const char kPasswordFile[] = ROOT_PREFIX "/etc/ovk/.ovk.shadow";
 const char kSendmail[] = ROOT_PREFIX "/usr/sbin/sendmail";
 const char kQmailDir[] = ROOT_PREFIX "/var/qmail";
-const char kDatabytesFile[] = ROOT_PREFIX "/var/qmail" "/control/databytes";
+const char kDatabytesFile[] = ROOT_PREFIX
+    "/var/qmail"
+    "/control/databytes";
 const char kMailnamesDefault[] = ROOT_PREFIX "/var/qmail/mailnames";
 const char kMailTemplate[] = ROOT_PREFIX "/tmp/ovk-autoresponder-XXXXXX";
 const char kResponseTemplate[] = ROOT_PREFIX "/tmp/ovk-response-uu-XXXXXX";
