@@ -57,44 +57,8 @@ const char* const theOvkConfNames[kOvkConfVarCount] = {
     "_MAX_POSSIBLE_OVK_CONF_VAR_NAME",
 };
 
-// The mailbox root follows the build's path table so that a relocated build
-// never falls back to the machine's real mail tree.
-const char* const theOvkConfDefauls[kOvkConfVarCount] = {
-    "_MIN_POSSIBLE_OVK_CONF_VAR_VALUE",
-    orvik::paths::kMailnamesDefault,
-    "/",
-    "/usr/sbin/rblsmtpd",
-    "dynamic",
-    "/usr/local/ovk/bin/php-cli",
-    "/lib/libcrypto.so",
-    "/lib/libssl.so",
-    "/usr/share/apache2/icons/awstats",
-    "/usr/share/awstats",
-    "/srv/www/cgi-bin/awstats",
-    "/etc/awstats",
-    "/usr/share/tomcat5",
-    "/var/lib/mailman",
-    "/usr/lib/mailman",
-    "/var/lib/pgsql/data",
-    "/usr/bin",
-    "/usr/bin",
-    "/var/lib/mysql",
-    "/usr/local/ovk/logrotate/sbin/logrotate",
-    "/usr/bin/webalizer",
-    "/var/lib/ovk/dumps",
-    "/tmp",
-    "/var/lib/named",
-    "/etc/proftpd.include",
-    "apache2",
-    "/var/log/apache2",
-    "/etc/apache2/conf.d",
-    "/etc/apache2",
-    "/srv/www/vhosts",
-    "/usr/local/ovk",
-    "/etc/named.conf.include.orvik-options",
-    "/etc/named.conf.include.orvik-zones",
-    "_MAX_POSSIBLE_OVK_CONF_VAR_VALUE",
-};
+// theOvkConfDefauls, the compile-time defaults, hold paths: they are defined
+// with the program's other external paths in lib/paths.cc.
 
 int autoprepend() {
   if (theOvkConfHash != nullptr) return 0;

@@ -1,6 +1,7 @@
 // The installed build (empty ROOT_PREFIX) uses exactly the panel's and the mail system's paths.
 #include <gtest/gtest.h>
 
+#include "lib/autoprepend.h"
 #include "lib/paths.h"
 
 TEST(InstalledPaths, AreThePanelAndMailSystemPaths) {
@@ -16,4 +17,9 @@ TEST(InstalledPaths, AreThePanelAndMailSystemPaths) {
   EXPECT_STREQ(p::kResponseTemplate, "/tmp/ovk-response-uu-XXXXXX");
   EXPECT_EQ(kMailFileNameSize, 30u);
   EXPECT_EQ(kRespUuFileNameSize, 28u);
+  // The panel configuration's defaults: paths as the panel installs them.
+  EXPECT_STREQ(theOvkConfDefauls[_ORVIK_MAILNAMES_D_INDEX], "/var/qmail/mailnames");
+  EXPECT_STREQ(theOvkConfDefauls[_COURIER_IMAP_ROOT_D_INDEX], "/");
+  EXPECT_STREQ(theOvkConfDefauls[_CGI_PHP_BIN_INDEX], "dynamic");
+  EXPECT_STREQ(theOvkConfDefauls[_NAMED_ZONES_CONF_INDEX], "/etc/named.conf.include.orvik-zones");
 }
