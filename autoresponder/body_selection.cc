@@ -1,22 +1,22 @@
 // Selection of the text entity of the incoming message, its transfer
 // decoding and its declared charset.
 //
-// Reads raw header values and decides main types and transfer encodings on
-// them rather than on GMime's parsed ones, which default and normalise
-// differently. From the stored message only the selected entity's content is
+// Reads raw header values and decides main types, transfer encodings and
+// parameters on them itself; GMime gives only the transfer decoders. From the stored message only the selected entity's content is
 // read, in blocks, and decoded into memory; a multipart is walked by its own
 // boundary lines alone, so neither its preface, its epilogue, the number of
 // its parts nor their nesting costs memory. Nothing here reports or fails: an
 // unreadable or missing content is an empty body.
 #include "autoresponder/body_selection.h"
 
+#include <gmime/gmime.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <limits>
 #include <vector>
 
-#include "autoresponder/gmime_handle.h"
+#include "autoresponder/media_type_parameters.h"
 
 namespace {
 
@@ -95,15 +95,6 @@ Boundary_hit next_boundary(Stored_message_reader& reader, std::string_view delim
   }
 }
 
-std::optional<std::string> boundary_of(const std::string& content_type) {
-  const GObjectRef<GMimeContentType> parsed(
-      g_mime_content_type_parse(gmime_parser_options(), content_type.c_str()));
-  const char* boundary =
-      parsed ? g_mime_content_type_get_parameter(parsed.get(), "boundary") : nullptr;
-  if (boundary == nullptr) return std::nullopt;
-  return boundary;
-}
-
 std::string decode_stored(const Stored_message_reader& reader,
                           const std::optional<std::string>& transfer_encoding, off_t start,
                           off_t end) {
@@ -172,20 +163,7 @@ Transfer_decoding ClassifyTransferEncoding(const std::optional<std::string>& fie
 
 std::string CharsetOf(const std::optional<std::string>& content_type) {
   if (!content_type) return "US-ASCII";
-  const GObjectRef<GMimeContentType> parsed(
-      g_mime_content_type_parse(gmime_parser_options(), content_type->c_str()));
-  if (!parsed) return "US-ASCII";
-  GMimeParamList* params = g_mime_content_type_get_parameters(parsed.get());
-  const int count = params != nullptr ? g_mime_param_list_length(params) : 0;
-  for (int i = 0; i < count; ++i) {
-    GMimeParam* param = g_mime_param_list_get_parameter_at(params, i);
-    const char* name = g_mime_param_get_name(param);
-    if (name != nullptr && strcasecmp(name, "charset") == 0) {
-      const char* value = g_mime_param_get_value(param);
-      return value != nullptr ? value : "";
-    }
-  }
-  return "US-ASCII";
+  return MediaTypeParameter(*content_type, "charset").value_or("US-ASCII");
 }
 
 Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_headers& message) {
@@ -201,7 +179,7 @@ Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_heade
     return result;
   }
   if (main_type != Main_type::kMultipart || !message.content_start) return result;
-  const std::optional<std::string> boundary = boundary_of(*message.content_type);
+  const std::optional<std::string> boundary = MediaTypeParameter(*message.content_type, "boundary");
   if (!boundary) return result;
 
   const std::string delimiter = "--" + *boundary;

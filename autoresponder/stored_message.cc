@@ -97,7 +97,8 @@ std::optional<std::string>* field_slot(Entity_headers& headers, Header_block_kin
 
 // ---------------------------------------------------------------- reader
 
-Stored_message_reader::Stored_message_reader(int fd) : fd_(fd), buffer_(2 * kWindow) {}
+Stored_message_reader::Stored_message_reader(int fd)
+    : fd_(fd), buffer_(std::make_unique_for_overwrite<char[]>(kBufferSize)) {}
 
 void Stored_message_reader::seek(off_t offset) {
   offset_ = offset;
@@ -113,12 +114,12 @@ ssize_t Stored_message_reader::read_at(char* into, std::size_t size, off_t at) c
 
 std::size_t Stored_message_reader::fill(std::size_t wanted) {
   if (end_ - begin_ >= wanted) return end_ - begin_;
-  std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+  std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
   end_ -= begin_;
   begin_ = 0;
   while (end_ < wanted) {
     const ssize_t got =
-        read_at(buffer_.data() + end_, buffer_.size() - end_, offset_ + static_cast<off_t>(end_));
+        read_at(buffer_.get() + end_, kBufferSize - end_, offset_ + static_cast<off_t>(end_));
     if (got <= 0) break;
     end_ += static_cast<std::size_t>(got);
   }
@@ -126,10 +127,10 @@ std::size_t Stored_message_reader::fill(std::size_t wanted) {
 }
 
 std::string_view Stored_message_reader::peek_line() {
-  std::string_view held(buffer_.data() + begin_, end_ - begin_);
+  std::string_view held(buffer_.get() + begin_, end_ - begin_);
   std::size_t lf = held.find('\n');
   if (lf == std::string_view::npos && held.size() < kWindow) {
-    held = std::string_view(buffer_.data(), fill(kWindow));
+    held = std::string_view(buffer_.get(), fill(kWindow));
     lf = held.find('\n');
   }
   if (lf != std::string_view::npos) return held.substr(0, lf + 1);
@@ -139,7 +140,7 @@ std::string_view Stored_message_reader::peek_line() {
 void Stored_message_reader::consume_line(std::string* keep) {
   consumed_crlf_ = false;
   for (;;) {
-    const std::string_view held(buffer_.data() + begin_, end_ - begin_);
+    const std::string_view held(buffer_.get() + begin_, end_ - begin_);
     const std::size_t lf = held.find('\n');
     const std::size_t taken = lf == std::string_view::npos ? held.size() : lf + 1;
     if (keep != nullptr) keep->append(held.data(), taken);

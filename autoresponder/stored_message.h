@@ -11,10 +11,10 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 // Lines of the stored message, read through a window of kWindow bytes. A line
 // is everything through its line feed, or through the end of the file.
@@ -44,11 +44,12 @@ class Stored_message_reader {
   template <typename Sink>
   void read_range(off_t start, off_t end, Sink&& sink) const {
     if (start >= end) return;
-    std::vector<char> block(std::min<off_t>(end - start, kWindow));
+    const auto block =
+        std::make_unique_for_overwrite<char[]>(std::min<off_t>(end - start, kWindow));
     while (start < end) {
-      const ssize_t got = read_at(block.data(), std::min<off_t>(end - start, kWindow), start);
+      const ssize_t got = read_at(block.get(), std::min<off_t>(end - start, kWindow), start);
       if (got <= 0) return;
-      sink(block.data(), static_cast<std::size_t>(got));
+      sink(static_cast<const char*>(block.get()), static_cast<std::size_t>(got));
       start += got;
     }
   }
@@ -60,8 +61,11 @@ class Stored_message_reader {
   std::size_t fill(std::size_t wanted);
 
   int fd_;
-  off_t offset_ = 0;          // file offset of buffer_[begin_]
-  std::vector<char> buffer_;  // 2 * kWindow, so a refill always reads a window
+  off_t offset_ = 0;  // file offset of buffer_[begin_]
+  // 2 * kWindow, so that a refill always reads a window; not cleared, since
+  // only bytes read into it are ever looked at.
+  static constexpr std::size_t kBufferSize = 2 * kWindow;
+  std::unique_ptr<char[]> buffer_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
   char last_consumed_ = 0;

@@ -20,7 +20,6 @@
 #include <iterator>
 #include <string>
 
-#include "autoresponder/gmime_handle.h"
 #include "autoresponder/intake.h"
 #include "autoresponder/mail_content.h"
 #include "lib/paths.h"
@@ -73,8 +72,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   }
   setenv("RESP_RECIPIENT", kRecipient, 1);
   ovk_fuzz::silence_cerr();
-  // GMime's one-time set-up belongs to the process, not to the first input.
-  gmime_init_once();
   return 0;
 }
 

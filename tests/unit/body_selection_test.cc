@@ -1,7 +1,6 @@
-// The declared charset of a text entity, taken from Content-Type field bodies
-// that need GMime's parameter decoding: continuations, charset-tagged values,
-// encoded words. Nothing in this process calls g_mime_init(), as in the
-// program, so these also check that the partial set-up suffices.
+// Content-Type parameters as the intake reads them: the charset of the text
+// entity and the boundary of a multipart, from field bodies as mail programs
+// write them, folded, commented, split (RFC 2231) or broken.
 #include "autoresponder/body_selection.h"
 
 #include <gtest/gtest.h>
@@ -9,35 +8,67 @@
 #include <optional>
 #include <string>
 
+#include "autoresponder/media_type_parameters.h"
+
 namespace {
 
-struct Charset_case {
+struct Parameter_case {
   const char* name;
-  std::optional<std::string> content_type;
-  const char* expected;
+  std::string content_type;
+  const char* parameter;
+  std::optional<std::string> expected;
 };
 
-class CharsetOfTest : public testing::TestWithParam<Charset_case> {};
+class MediaTypeParameterTest : public testing::TestWithParam<Parameter_case> {};
 
-TEST_P(CharsetOfTest, Decodes) {
-  EXPECT_EQ(CharsetOf(GetParam().content_type), GetParam().expected);
+TEST_P(MediaTypeParameterTest, Reads) {
+  EXPECT_EQ(MediaTypeParameter(GetParam().content_type, GetParam().parameter), GetParam().expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Parameters, CharsetOfTest,
-    testing::Values(
-        Charset_case{"NoContentType", std::nullopt, "US-ASCII"},
-        Charset_case{"NoParameter", "text/plain", "US-ASCII"},
-        Charset_case{"QuotesRemovedCaseKept", "text/plain; format=flowed; CharSet=\"Koi8-R\"",
-                     "Koi8-R"},
-        Charset_case{"FirstOfTwo", "text/plain; charset=utf-8; charset=iso-8859-1", "utf-8"},
-        Charset_case{"Continuations", "text/plain; charset*0=\"iso-8859\"; charset*1=\"-15\"",
-                     "iso-8859-15"},
-        // A charset-tagged value is converted through GMime's charset map.
-        Charset_case{"TaggedValueConverted", "text/plain; charset*=iso-8859-1''%E9", "\xC3\xA9"},
-        Charset_case{"TaggedValueUnknownCharset", "text/plain; charset*=x-none''utf-8", "utf-8"},
-        Charset_case{"EncodedWordDecoded", "text/plain; charset=\"=?utf-8?b?dXRmLTg=?=\"", "utf-8"},
-        Charset_case{"NotAContentType", "garbage", "US-ASCII"}),
-    [](const testing::TestParamInfo<Charset_case>& test) { return test.param.name; });
+const Parameter_case kParameters[] = {
+    {"QuotesRemovedCaseKept", "text/plain; format=flowed; CharSet=\"Koi8-R\"", "charset", "Koi8-R"},
+    {"FirstOfTwo", "text/plain; charset=utf-8; charset=iso-8859-1", "charset", "utf-8"},
+    {"FoldedWithComments", "text/plain (body);\r\n\tcharset (the set) = \"utf-8\" (end)", "charset",
+     "utf-8"},
+    {"EscapesUndone", R"(multipart/mixed; boundary="a\"b\\c")", "boundary", R"(a"b\c)"},
+    {"UnterminatedQuoteRunsToTheEnd", "multipart/mixed; boundary=\"a;b", "boundary", "a;b"},
+    {"SeparatorInsideQuotesOrComment", "text/plain; x=\"a;charset=no\" (;charset=no); charset=k",
+     "charset", "k"},
+    {"TypeWithoutSubtype", "text; charset=koi8-r", "charset", "koi8-r"},
+    {"BrokenParameterSkipped", "text/plain; charset; format flowed; charset=ok", "charset", "ok"},
+    {"JunkAfterValueSkipped", "text/plain; charset=utf-8 junk; format=flowed", "charset", "utf-8"},
+    {"EmptyValueKept", "text/plain; charset=\"\"", "charset", ""},
+    {"NotAContentType", "garbage", "charset", std::nullopt},
+    {"NoSeparator", "text/plain charset=utf-8", "charset", std::nullopt},
+    {"NamePrefixIsNotTheName", "text/plain; charsets=a; xcharset=b", "charset", std::nullopt},
+    // RFC 2231: sections joined by number, "%XX" undone where "*" says so,
+    // the charset'language' tag dropped, the bytes not converted.
+    {"ContinuationsInNumberOrder", "text/plain; charset*1=\"-15\"; CHARSET*0=iso-8859", "charset",
+     "iso-8859-15"},
+    {"TaggedValue", "text/plain; charset*=us-ascii'en'utf-8", "charset", "utf-8"},
+    {"TaggedValueBytesKept", "text/plain; charset*=iso-8859-1''%E9%zz%4", "charset", "\xE9%zz%4"},
+    {"TaggedSections", "multipart/mixed; boundary*0*=utf-8''a%20b; boundary*1*=%21; boundary*2=%21",
+     "boundary", "a b!%21"},
+    {"UnsplitBeforeSections", "text/plain; charset=a; charset*0=b", "charset", "a"},
+    {"SectionsBeforeUnsplit", "text/plain; charset*0=b; charset=a; charset*1=c", "charset", "bc"},
+    {"EncodedWordNotDecoded", "text/plain; charset=\"=?utf-8?b?dXRmLTg=?=\"", "charset",
+     "=?utf-8?b?dXRmLTg=?="},
+};
+
+INSTANTIATE_TEST_SUITE_P(Parameters, MediaTypeParameterTest, testing::ValuesIn(kParameters),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST(CharsetOfTest, DefaultsToUsAscii) {
+  EXPECT_EQ(CharsetOf(std::nullopt), "US-ASCII");
+  EXPECT_EQ(CharsetOf("text/plain"), "US-ASCII");
+  EXPECT_EQ(CharsetOf("text/plain; charset=\"\""), "");
+}
+
+// A field body of megabytes made of sections: bounded work and memory.
+TEST(MediaTypeParameterTest, ManySectionsAreBounded) {
+  std::string content_type = "text/plain";
+  for (int i = 0; i < 200000; ++i) content_type += "; charset*" + std::to_string(i) + "=x";
+  EXPECT_EQ(MediaTypeParameter(content_type, "charset"), std::string(4096, 'x'));
+}
 
 }  // namespace
