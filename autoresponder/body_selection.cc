@@ -2,10 +2,11 @@
 // decoding and its declared charset.
 //
 // Reads raw header values and decides main types, transfer encodings and
-// parameters on them itself; GMime gives only the transfer decoders. From the stored message only the selected entity's content is
-// read, in blocks, and decoded into memory; a multipart is walked by its own
-// boundary lines alone, so neither its preface, its epilogue, the number of
-// its parts nor their nesting costs memory. Nothing here reports or fails: an
+// parameters on them itself; GMime gives only the transfer decoders. From the
+// stored message only the selected entity's content is read, in blocks, and
+// decoded into memory; a multipart is walked by its own boundary lines alone,
+// so neither its preface, its epilogue, the number of its parts nor their
+// nesting costs memory. Nothing here reports or fails: an
 // unreadable or missing content is an empty body.
 #include "autoresponder/body_selection.h"
 
