@@ -15,6 +15,7 @@
 #include "autoresponder/composition.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,7 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <ext/stdio_filebuf.h>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -176,6 +177,26 @@ std::string response_subject(const Resp_rule& rule, const Mail_content& mail) {
   return expanded;
 }
 
+namespace {
+
+// Opens `path` for writing, created if missing, truncated: the file as
+// open(O_TRUNC) leaves it. A file that is already empty, as the freshly
+// created response file always is, is not truncated: on ext4 a truncation
+// marks the file for writing out at its close, and the removal after the
+// delivery then waits for that write, which made up a tenth of a run.
+int open_truncated(const char* path) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  if (fd == -1) return -1;
+  struct stat status {};
+  if (fstat(fd, &status) != 0 || (status.st_size != 0 && ftruncate(fd, 0) != 0)) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
 Response_file_fd create_response_file() {
   return Response_file_fd(mkstemp(resp_uu_file_name));
 }
@@ -189,12 +210,15 @@ void compose_response(const Mail_content& mail, const Resp_rule& rule,
     const std::string encoded_subject = orvik::rfc1522::encode(resp_subject);
     // A file that cannot be opened leaves the stream failed, and every
     // write below is dropped.
-    std::vector<char> buffer(kStreamBufferBytes);
-    std::ofstream out;
-    out.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-    out.open(resp_uu_file_name, std::ios::out | std::ios::trunc | std::ios::binary);
+    const int fd = open_truncated(resp_uu_file_name);
+    __gnu_cxx::stdio_filebuf<char> buffer(fd, std::ios::out | std::ios::binary, kStreamBufferBytes);
+    std::ostream out(&buffer);
+    if (!buffer.is_open()) {
+      if (fd != -1) close(fd);
+      out.setstate(std::ios::failbit);
+    }
     write_response(out, mail, rule, encoded_subject, attach_dir, found_attachments, resp_boundary);
-    out.close();
+    buffer.close();
     response_fd.reset();
   } catch (const orvik::idn::IdnaError& error) {
     messlog2(1, 0, "IDN conversion error: %s", error.what());
