@@ -22,13 +22,6 @@
 // Exits 0; 1 when the connection or a statement fails or a file cannot be
 // read (the benchmark then stops: a floor that did less would flatter us);
 // 2 on bad usage.
-//
-// Built with OVK_FLOOR_GMIME_INIT (the target floor_gmime), it also takes
-// the charset of one Content-Type field body with the program's own code,
-// which sets GMime up as far as the program does and links the same parts of
-// GMime, GLib and GObject (whose type system's set-up runs before main). The
-// benchmark uses it to split the program's distance from the floor into
-// GMime's start-up and the program's own work.
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -44,10 +37,6 @@
 #include "lib/forkexec.h"
 #include "lib/mysql_handle.h"
 #include "lib/paths.h"
-
-#ifdef OVK_FLOOR_GMIME_INIT
-#include "autoresponder/body_selection.h"
-#endif
 
 namespace {
 
@@ -97,10 +86,6 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s STATEMENTS MESSAGE\n", argv[0]);
     return 2;
   }
-#ifdef OVK_FLOOR_GMIME_INIT
-  if (CharsetOf(std::string("text/plain; charset=utf-8")) != "utf-8") return 1;
-#endif
-
   drain_standard_input();
   std::vector<std::string> lines;
   if (!read_lines(argv[1], lines)) {
