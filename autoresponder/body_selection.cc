@@ -17,19 +17,9 @@
 #include <limits>
 #include <vector>
 
-#include "autoresponder/media_type_parameters.h"
+#include "autoresponder/media_type.h"
 
 namespace {
-
-bool is_blank_or_control(unsigned char c) {
-  return c <= ' ' || c == 127;
-}
-
-// RFC 2045 tspecials: they end the type token.
-bool is_tspecial(unsigned char c) {
-  static constexpr std::string_view kTspecials = "()<>@,;:\\\"/[]?=";
-  return kTspecials.find(static_cast<char>(c)) != std::string_view::npos;
-}
 
 bool equals_ignoring_case(std::string_view text, std::string_view expected) {
   return text.size() == expected.size() &&
@@ -118,36 +108,7 @@ std::string_view TrimFieldBody(std::string_view raw) {
 }
 
 Main_type MainType(std::string_view content_type) {
-  std::size_t pos = 0;
-  // Blanks and comments may precede the type.
-  while (pos < content_type.size()) {
-    const unsigned char c = static_cast<unsigned char>(content_type[pos]);
-    if (is_blank_or_control(c)) {
-      ++pos;
-    } else if (c == '(') {
-      int depth = 0;
-      while (pos < content_type.size()) {
-        const char inner = content_type[pos++];
-        if (inner == '\\') {
-          ++pos;  // the quoted byte
-        } else if (inner == '(') {
-          ++depth;
-        } else if (inner == ')' && --depth == 0) {
-          break;
-        }
-      }
-      pos = std::min(pos, content_type.size());
-    } else {
-      break;
-    }
-  }
-  std::size_t end = pos;
-  while (end < content_type.size()) {
-    const unsigned char c = static_cast<unsigned char>(content_type[end]);
-    if (is_blank_or_control(c) || is_tspecial(c)) break;
-    ++end;
-  }
-  const std::string_view type = content_type.substr(pos, end - pos);
+  const std::string_view type = MediaMainType(content_type);
   if (equals_ignoring_case(type, "text")) return Main_type::kText;
   if (equals_ignoring_case(type, "multipart")) return Main_type::kMultipart;
   return Main_type::kOther;

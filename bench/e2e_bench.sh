@@ -613,7 +613,7 @@ reader, which it replaces), run in the same loops as (a) and (b) above.
 $round_rows
 
 - Content-Type parameters read by the program's own reader
-  (\`autoresponder/media_type_parameters.cc\`) instead of
+  (\`autoresponder/media_type.cc\`) instead of
   \`g_mime_content_type_parse()\`: the intake takes only the charset and the
   boundary from them. GMime now gives only the transfer decoders, which need
   neither GObject nor any set-up, so the program no longer links GObject,

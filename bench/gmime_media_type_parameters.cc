@@ -1,8 +1,8 @@
 // For the benchmark's variant autoresponder_before: Content-Type parameters
 // read by GMime, as the program read them before it had a reader of its own
-// (autoresponder/media_type_parameters.cc). Linked ahead of the program's
-// libraries, this definition takes the place of theirs. It sets GMime up as
-// far as that parsing needs (the charset map and a set of parser options,
+// (autoresponder/media_type.cc). Linked ahead of the program's libraries,
+// this definition takes the place of theirs. It sets GMime up as far as that
+// parsing needs (the charset map and a set of parser options,
 // once per process, without g_mime_init()), and linking it brings GObject,
 // whose type system is set up before main, and the shared libraries that
 // GMime's parsing needs.
@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "autoresponder/media_type_parameters.h"
+#include "autoresponder/media_type.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
-// Content-Type parameters as the intake reads them: the charset of the text
-// entity and the boundary of a multipart, from field bodies as mail programs
-// write them, folded, commented, split (RFC 2231) or broken.
+// Content-Type field bodies as the intake reads them: the main type, the
+// charset of the text entity and the boundary of a multipart, from field
+// bodies as mail programs write them, folded, commented, split (RFC 2231) or
+// broken.
 #include "autoresponder/body_selection.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "autoresponder/media_type_parameters.h"
+#include "autoresponder/media_type.h"
 
 namespace {
 
@@ -57,6 +58,13 @@ const Parameter_case kParameters[] = {
 
 INSTANTIATE_TEST_SUITE_P(Parameters, MediaTypeParameterTest, testing::ValuesIn(kParameters),
                          [](const auto& test) { return std::string(test.param.name); });
+
+TEST(MediaMainTypeTest, FirstTokenAfterBlanksControlsAndComments) {
+  EXPECT_EQ(MediaMainType("(legacy (old)) \x01TEXT/plain"), "TEXT");
+  EXPECT_EQ(MediaMainType("multipart;boundary=x"), "multipart");
+  EXPECT_EQ(MediaMainType("/plain"), "");
+  EXPECT_EQ(MediaMainType("(unclosed text"), "");
+}
 
 TEST(CharsetOfTest, DefaultsToUsAscii) {
   EXPECT_EQ(CharsetOf(std::nullopt), "US-ASCII");

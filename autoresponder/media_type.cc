@@ -1,7 +1,8 @@
-// Reading Content-Type parameters: one pass over the field body that keeps
-// only the sections of the parameter asked for, as places in the field body,
-// so that a field body of megabytes with many parameters costs little memory.
-#include "autoresponder/media_type_parameters.h"
+// Reading a Content-Type field body. The parameters are read in one pass that
+// keeps only the sections of the parameter asked for, as places in the field
+// body, so that a field body of megabytes with many parameters costs little
+// memory.
+#include "autoresponder/media_type.h"
 
 #include <strings.h>
 
@@ -10,8 +11,10 @@
 
 namespace {
 
-bool is_folding_white_space(char c) {
-  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+// Blanks, line breaks and the other control characters.
+bool is_blank_or_control(char c) {
+  const unsigned char byte = static_cast<unsigned char>(c);
+  return byte <= ' ' || byte == 127;
 }
 
 // RFC 2045 token characters; 8-bit bytes are let through.
@@ -70,10 +73,10 @@ class Field_reader {
   char peek() const { return at_end() ? '\0' : text_[pos_]; }
   void advance() { ++pos_; }
 
-  // Blanks, line breaks and comments (nested, with quoted pairs).
+  // Blanks, control characters and comments (nested, with quoted pairs).
   void skip_cfws() {
     while (!at_end()) {
-      if (is_folding_white_space(text_[pos_])) {
+      if (is_blank_or_control(text_[pos_])) {
         ++pos_;
       } else if (text_[pos_] == '(') {
         int depth = 0;
@@ -223,6 +226,12 @@ std::vector<Section> sections_of(std::string_view field, std::string_view name) 
 }
 
 }  // namespace
+
+std::string_view MediaMainType(std::string_view content_type) {
+  Field_reader in(content_type);
+  in.skip_cfws();
+  return in.token(false);
+}
 
 std::optional<std::string> MediaTypeParameter(std::string_view content_type,
                                               std::string_view name) {
