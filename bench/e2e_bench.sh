@@ -475,14 +475,20 @@ setup_rows=$(
   setup_row "OpenSSL set-up by the MariaDB client, and its clean-up at exit" openssl
   setup_row "iconv_open (every call)" iconv
 )
+# Sets the caller's a, fa, ac, fac (wall and processor times of (a) and its
+# floor) and b, fb (wall times of (b) and its floor) for contestants A FLOOR-A
+# B FLOOR-B.
+pair_times() {
+  a=$(wall "$1" "$A")
+  fa=$(wall "$2" "$A")
+  ac=$(cpu "$1" "$A")
+  fac=$(cpu "$2" "$A")
+  b=$(wall "$3" "$work/b.result")
+  fb=$(wall "$4" "$work/b.result")
+}
 proposal_row() {  # proposal_row LABEL A FLOOR-A B FLOOR-B
   local a fa b fb ac fac
-  a=$(wall "$2" "$A")
-  fa=$(wall "$3" "$A")
-  ac=$(cpu "$2" "$A")
-  fac=$(cpu "$3" "$A")
-  b=$(wall "$4" "$work/b.result")
-  fb=$(wall "$5" "$work/b.result")
+  pair_times "$2" "$3" "$4" "$5"
   printf '| %s | %s ms | %s ms | %s | %s ms, %s ms, %s | %s ms | %s ms | %s |\n' "$1" \
     "$(ms "$a")" "$(ms "$fa")" "$(ratio "$a" "$fa")" "$(ms "$ac")" "$(ms "$fac")" \
     "$(ratio "$ac" "$fac")" "$(ms "$b")" "$(ms "$fb")" "$(ratio "$b" "$fb")"
@@ -494,12 +500,7 @@ proposal_rows=$(
 )
 round_row() {  # round_row LABEL A FLOOR-A B FLOOR-B VARIANT
   local a fa b fb ac fac exe
-  a=$(wall "$2" "$A")
-  fa=$(wall "$3" "$A")
-  ac=$(cpu "$2" "$A")
-  fac=$(cpu "$3" "$A")
-  b=$(wall "$4" "$work/b.result")
-  fb=$(wall "$5" "$work/b.result")
+  pair_times "$2" "$3" "$4" "$5"
   if [[ $6 == autoresponder ]]; then exe=$program; else exe=$bin/$6; fi
   printf '| %s | %s ms | %s ms | **%s** | %s | %s ms | %s ms | %s | %s | %s |\n' "$1" \
     "$(ms "$a")" "$(ms "$fa")" "$(ratio "$a" "$fa")" "$(ratio "$ac" "$fac")" "$(ms "$b")" \
