@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 
+#include "lib/c_owners.h"
 #include "lib/mysql_handle.h"
 #include "lib/paths.h"
 
@@ -27,17 +28,12 @@ constexpr const char* kSocket = nullptr;  // the client library's default
 constexpr unsigned long kClientFlags = 0;
 constexpr std::size_t kPasswordBufferSize = 100;  // the line is cut at 99 characters
 
-struct FileCloser {
-  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
 }  // namespace
 
 MYSQL* orvik_db_connect_raw_ex(char* msgbuf, std::size_t msgbufsize) {
   char password[kPasswordBufferSize];
   {
-    File file(std::fopen(orvik::paths::kPasswordFile, "r"));
+    UniqueFile file(std::fopen(orvik::paths::kPasswordFile, "r"));
     if (!file) {
       std::snprintf(msgbuf, msgbufsize, "Unable to open admin password file: %s",
                     std::strerror(errno));

@@ -5,8 +5,8 @@
 #include <mysql.h>
 
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
+
+#include "lib/c_owners.h"
 
 // realloc that never returns null: on failure it reports "alloc(%d)" through
 // the message log with status 1, which ends the process.
@@ -15,9 +15,3 @@ void* realloc_safe(void* block, std::size_t size);
 // A new buffer (release with free) holding `text` escaped for use between
 // single quotes in a statement on `connection`; null for a null text.
 char* escape_mysql_param(MYSQL* connection, const char* text);
-
-// Owner of a buffer from malloc/realloc.
-struct FreeDeleter {
-  void operator()(void* block) const noexcept { std::free(block); }
-};
-using MallocChars = std::unique_ptr<char, FreeDeleter>;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "lib/c_owners.h"
 #include "lib/product_log.h"
 
 namespace {
@@ -168,34 +169,43 @@ void conf_free_r(conf_data* store) {
 int conf_read_file_r(const char* path, conf_data* store) {
   if (conf_init_r(store) != 0) return -1;
 
-  std::FILE* file = std::fopen(path, "r");
-  if (file == nullptr) {
-    const int open_errno = errno;
-    orvik_log(kConfLogLevel, "unable to open configuration file %s: %s\n", path,
-              std::strerror(open_errno));
-    errno = open_errno;
-    return -1;
-  }
-
-  char* line = nullptr;  // one buffer for every line, grown by getline
-  std::size_t line_capacity = 0;
-  while (getline(&line, &line_capacity, file) != -1) {
-    if (parse_line(line, store) != 0) {
-      const int store_errno = errno;
-      std::fclose(file);
-      std::free(line);
-      errno = store_errno;
+  int result = 0;
+  int saved_errno = 0;
+  {
+    const UniqueFile file(std::fopen(path, "r"));
+    if (!file) {
+      saved_errno = errno;
+      orvik_log(kConfLogLevel, "unable to open configuration file %s: %s\n", path,
+                std::strerror(saved_errno));
+      errno = saved_errno;
       return -1;
     }
+    // One buffer for every line, grown by getline.
+    struct Line_buffer {
+      char* text = nullptr;
+      std::size_t capacity = 0;
+      ~Line_buffer() { std::free(text); }
+    } line;
+    while (getline(&line.text, &line.capacity, file.get()) != -1) {
+      if (parse_line(line.text, store) != 0) {
+        saved_errno = errno;
+        result = -1;
+        break;
+      }
+    }
+    if (result == 0) {
+      saved_errno = errno;
+      // getline also stops on a failed allocation, which leaves the file short of its end.
+      const bool complete = std::feof(file.get()) && !std::ferror(file.get());
+      conf_finalize_r(store);
+      if (!complete) {
+        orvik_log(kConfLogLevel, "Unable to read configuration file: %s",
+                  std::strerror(saved_errno));
+        result = -1;
+      }
+    }
   }
-  const int read_errno = errno;
-  // getline also stops on a failed allocation, which leaves the file short of its end.
-  const bool complete = std::feof(file) && !std::ferror(file);
-  conf_finalize_r(store);
-  std::free(line);
-  std::fclose(file);
-  if (complete) return 0;
-  orvik_log(kConfLogLevel, "Unable to read configuration file: %s", std::strerror(read_errno));
-  errno = read_errno;
-  return -1;
+  // After the stream and the line buffer are released, which may touch errno.
+  errno = saved_errno;
+  return result;
 }

@@ -8,21 +8,12 @@
 
 #include <idna.h>
 
-#include <cstdlib>
-#include <memory>
 #include <new>
 
+#include "lib/c_owners.h"
 #include "lib/idn_error.h"
 
 namespace orvik::idn {
-
-namespace {
-
-struct FreeDeleter {
-  void operator()(char* p) const noexcept { std::free(p); }
-};
-
-}  // namespace
 
 IdnaError::~IdnaError() = default;
 
@@ -34,7 +25,7 @@ std::string toAscii(const std::string& domain) {
   char* output = nullptr;
   // Flags 0: no unassigned code points, no STD3 ASCII rules.
   const int code = idna_to_ascii_8z(domain.c_str(), &output, 0);
-  const std::unique_ptr<char, FreeDeleter> owner(output);
+  const MallocChars owner(output);
   if (code != IDNA_SUCCESS) throw IdnaError(code);
   if (output == nullptr) throw std::bad_alloc();
   return std::string(output);
