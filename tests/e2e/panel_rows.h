@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <mysql.h>
 
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -106,14 +105,13 @@ inline std::string render(const e2e::RunResult& run) {
 }
 
 // Also checks that no sendmail started before the previous one had ended. A
-// mismatch leaves the run in replies/NAME.actual under the working directory.
+// mismatch leaves the run in replies/NAME.actual beside the expected file.
 inline void expect_run(const std::string& name, const e2e::RunResult& run) {
   const auto calls = Sandbox::sendmail_calls();
   for (std::size_t i = 1; i < calls.size(); ++i) EXPECT_GE(calls[i].started, calls[i - 1].ended);
   const std::string actual = render(run), expected = "replies/" + name + ".expected";
   if (std::ifstream(e2e::test_data_path(expected)) && actual == e2e::test_data(expected)) return;
-  std::filesystem::create_directories("replies");
-  std::ofstream("replies/" + name + ".actual", std::ios::binary) << actual;
+  std::ofstream(e2e::test_data_path("replies/" + name + ".actual"), std::ios::binary) << actual;
   ADD_FAILURE() << "the run differs from tests/data/" << expected << ":\n" << actual;
 }
 

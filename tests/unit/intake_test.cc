@@ -83,15 +83,16 @@ std::vector<std::string> corpus() {
 
 class CorpusTest : public testing::TestWithParam<std::string> {};
 
-// On a mismatch the record is written to NAME.actual in the build tree, for review.
+// On a mismatch the record is written to NAME.actual beside NAME.expected, for review.
 TEST_P(CorpusTest, MatchesGoldenRecord) {
   const std::string base = std::string(OVK_TEST_DATA_DIR) + "/" + GetParam();
   const std::string input = read_whole(base + ".eml");
   const Intake result = take_in(input);
   EXPECT_EQ(std::get<3>(result), input + "\n");  // the last line ended, an empty one added
   const std::string actual = render(result);
-  EXPECT_EQ(actual, read_whole(base + ".expected"));
-  if (actual != read_whole(base + ".expected")) std::ofstream(GetParam() + ".actual") << actual;
+  const std::string expected = read_whole(base + ".expected");
+  EXPECT_EQ(actual, expected);
+  if (actual != expected) std::ofstream(base + ".actual", std::ios::binary) << actual;
 }
 
 INSTANTIATE_TEST_SUITE_P(Corpus, CorpusTest, testing::ValuesIn(corpus()),
