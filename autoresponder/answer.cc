@@ -2,8 +2,8 @@
 // incoming message, look up the rule's attachment files and notify the
 // domain's owner about missing ones, compose the reply and deliver it.
 //
-// Owns: the reply's boundary and the descriptor of the response file from
-// its creation to the end of composition.
+// Owns: the reply's boundary and the response file from its creation to the
+// end of its delivery.
 //
 // Failures: each stage reports its own; a failed database statement ends the
 // run through correct_exit(), IDN failures, a reply that cannot be handed
@@ -12,7 +12,7 @@
 
 #include <signal.h>
 
-#include <utility>
+#include <cstdint>
 
 #include "autoresponder/attachments.h"
 #include "autoresponder/composition.h"
@@ -46,7 +46,7 @@ void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref&
   forward_incoming(connection, rule.id, mail);
 
   const std::string resp_boundary = makeBoundaryStr();
-  Response_file_fd response_fd = create_response_file();
+  Response_file response_file = create_response_file();
 
   const Attachment_lookup attachments =
       collect_attachments(connection, rule.id, mailbox.attach_dir);
@@ -55,7 +55,8 @@ void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref&
                                attachments.missing_attachments);
   }
 
+  const std::int32_t databytes_limit = read_databytes_limit();
   compose_response(mail, rule, mailbox.attach_dir, attachments.found_attachments, resp_boundary,
-                   std::move(response_fd));
-  deliver_response(mail, rule);
+                   response_file, databytes_limit);
+  deliver_response(mail, rule, response_file, databytes_limit);
 }

@@ -15,9 +15,11 @@
 // (correct_exit()). Every failure of the notice is reported on one line and
 // the reply still goes out.
 //
-// Security: stored file names are used as they are, directory separators
-// included, and the program runs as the superuser; whoever can write
-// resp_attach rows decides which files the reply carries.
+// Security: the program runs as the superuser and whoever can write
+// resp_attach rows names the files, so only a name of the repository itself
+// counts as found: no "/" in it, not "..", and a regular file there (not a
+// symbolic link, device, FIFO or directory). The composer checks the kind
+// once more on the descriptor it reads.
 #include "autoresponder/attachments.h"
 
 #include <sys/stat.h>
@@ -129,6 +131,12 @@ void write_notice(std::ostream& out, const std::string& reply_to, const std::str
 
 }  // namespace
 
+bool names_a_repository_file(const std::string& attach_dir, const std::string& name) {
+  if (name.find('/') != std::string::npos || name == "..") return false;
+  struct stat info;
+  return lstat((attach_dir + "/" + name).c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
 Attachment_lookup collect_attachments(MYSQL* connection, const std::string& rule_id,
                                       const std::string& attach_dir) {
   const MysqlResult result = select_or_exit(
@@ -138,10 +146,7 @@ Attachment_lookup collect_attachments(MYSQL* connection, const std::string& rule
   while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
     if (row[0] == nullptr || row[0][0] == '\0') continue;
     std::string name = trimmed_name(row[0]);
-    // Anything that exists counts, whatever its kind; reading it is the
-    // composer's business.
-    struct stat info;
-    if (stat((attach_dir + "/" + name).c_str(), &info) == 0) {
+    if (names_a_repository_file(attach_dir, name)) {
       lookup.found_attachments.push_back(std::move(name));
     } else {
       lookup.missing_attachments += name;
@@ -156,6 +161,12 @@ void notify_missing_attachments(MYSQL* connection, const char* esc_domain,
                                 const std::string& missing_attachments) {
   const std::optional<Domain_owner> owner = domain_owner(connection, esc_domain);
   if (!owner) return;
+  if (owner->email.starts_with('-')) {
+    // sendmail would read it as an option.
+    std::cerr << "autoresponder: Client email begins with '-', no notice sent: " << owner->email
+              << '\n';
+    return;
+  }
   const std::string sender = notice_sender(connection);
 
   int ends[2];

@@ -14,6 +14,11 @@ struct Attachment_lookup {
   std::string missing_attachments;             // trimmed missing names, each + "\n"
 };
 
+// Whether `name` is found in the repository: no "/" in it, not "..", and a
+// regular file there, not reached through a symbolic link. Anything else
+// counts as missing.
+bool names_a_repository_file(const std::string& attach_dir, const std::string& name);
+
 // A failed resp_attach statement ends the run (correct_exit()).
 Attachment_lookup collect_attachments(MYSQL* connection, const std::string& rule_id,
                                       const std::string& attach_dir);

@@ -1,11 +1,19 @@
 // Composition of one reply: boundary, subject, charset conversion of the
 // rule's text, and the MIME layout (a single text part, or multipart/mixed
-// with the found attachment files in base64), written line by line into the
-// response file named by resp_uu_file_name. Every line ends in a bare line
-// feed.
+// with the found attachment files in base64), written line by line through
+// the descriptor of the response file. Every line ends in a bare line feed.
 //
-// Owns: the placeholder table bound to the run's message, the writing stream
-// on the response file, one attachment FILE* at a time.
+// The response file of every reply is a new file: mkstemp on a fresh copy of
+// the template, mode 0600, written and later handed to sendmail through the
+// descriptor mkstemp returned and never opened by its name, so nobody who can
+// write the temporary directory can slip a file or a symbolic link in under
+// that name. Attachments are read only when they are regular files, found
+// through no symbolic link, and the reading stops once the reply has grown
+// past the mail system's size limit, where the size notice replaces it.
+//
+// Owns: the placeholder table bound to the run's message, the writer on the
+// response file's descriptor (not the descriptor), one attachment FILE* at a
+// time.
 //
 // Failures: an unknown reply charset sends the text unconverted, declared
 // UTF-8; an unreadable attachment is reported on standard error and leaves
@@ -20,10 +28,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ext/stdio_filebuf.h>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -56,12 +64,20 @@ struct FileCloser {
 };
 using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
-// Opens an attachment for reading without ever blocking: a FIFO in the
-// repository would otherwise hold fopen until some writer appears. On a FIFO
-// a read then ends at once; regular files ignore the flag.
+// Opens an attachment for reading, a regular file only: never through a
+// symbolic link (ELOOP), never blocking on a FIFO that was put in place after
+// the lookup, and nothing but a regular file (checked on the descriptor that
+// is read, so no rename in between can change it): a device such as
+// /dev/zero would never end, a directory reads nothing.
 UniqueFile open_attachment(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return nullptr;
+  struct stat status {};
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    close(fd);
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return nullptr;
+  }
   UniqueFile file(fdopen(fd, "r"));
   if (!file) {
     const int error = errno;
@@ -71,16 +87,24 @@ UniqueFile open_attachment(const std::string& path) {
   return file;
 }
 
+// Whether the reply written so far is larger than the size limit (0 or less:
+// none); the composition then stops, since the size notice replaces it.
+bool over_limit(const Response_writer& writer, std::int64_t size_limit) {
+  return size_limit > 0 && writer.bytes() > static_cast<std::uint64_t>(size_limit);
+}
+
 // Streams the file as base64 lines, 45 bytes in and one line out at a time,
 // so the attachment is never held in memory. Stops at the first read that
-// yields nothing (end of file or a read error alike).
-void write_base64_file(std::ostream& out, const std::string& path) {
+// yields nothing (end of file or a read error alike), or once the reply is
+// over the size limit (then returns false).
+bool write_base64_file(std::ostream& out, const Response_writer& writer, const std::string& path,
+                       std::int64_t size_limit) {
   UniqueFile file = open_attachment(path);
   if (!file) {
     const int error = errno;
     std::cerr << "autoresponder: Failed to read attachement file '" << path
               << "': " << std::strerror(error) << " (" << error << ")" << std::endl;
-    return;
+    return true;
   }
   std::setvbuf(file.get(), nullptr, _IOFBF, kStreamBufferBytes);
   // base64Encode works in place: the bytes read are replaced by their
@@ -91,13 +115,16 @@ void write_base64_file(std::ostream& out, const std::string& path) {
     const std::size_t length = base64Encode(line, got, line);
     line[length] = '\n';
     out.write(line, static_cast<std::streamsize>(length + 1));
+    if (over_limit(writer, size_limit)) return false;
   }
+  return true;
 }
 
-void write_response(std::ostream& out, const Mail_content& mail, const Resp_rule& rule,
-                    const std::string& encoded_subject, const std::string& attach_dir,
+void write_response(std::ostream& out, const Response_writer& writer, const Mail_content& mail,
+                    const Resp_rule& rule, const std::string& encoded_subject,
+                    const std::string& attach_dir,
                     const std::vector<std::string>& found_attachments,
-                    const std::string& resp_boundary) {
+                    const std::string& resp_boundary, std::int64_t size_limit) {
   if (!rule.reply_to.empty()) out << "Reply-To: " << rule.reply_to << '\n';
 
   // A charset the converter does not know: the text goes out as it is
@@ -137,7 +164,7 @@ void write_response(std::ostream& out, const Mail_content& mail, const Resp_rule
     out << "Content-Disposition: attachment;\n\tfilename=\"" << orvik::rfc1522::encode(name)
         << "\"\n";
     out << '\n';
-    write_base64_file(out, attach_dir + "/" + name);
+    if (!write_base64_file(out, writer, attach_dir + "/" + name, size_limit)) return;
     out << '\n';
   }
   out << "--" << resp_boundary << "--\n";
@@ -177,49 +204,78 @@ std::string response_subject(const Resp_rule& rule, const Mail_content& mail) {
   return expanded;
 }
 
-namespace {
-
-// Opens `path` for writing, created if missing, truncated: the file as
-// open(O_TRUNC) leaves it. A file that is already empty, as the freshly
-// created response file always is, is not truncated: on ext4 a truncation
-// marks the file for writing out at its close, and the removal after the
-// delivery then waits for that write, which made up a tenth of a run.
-int open_truncated(const char* path) {
-  const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-  if (fd == -1) return -1;
-  struct stat status {};
-  if (fstat(fd, &status) != 0 || (status.st_size != 0 && ftruncate(fd, 0) != 0)) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+Response_writer::Response_writer(int fd) : fd_(fd), buffer_(new char[kStreamBufferBytes]) {
+  setp(buffer_.get(), buffer_.get() + kStreamBufferBytes);
+  failed_ = fd_ < 0;
 }
 
-}  // namespace
+Response_writer::~Response_writer() {
+  flush_buffer();
+}
 
-Response_file_fd create_response_file() {
-  return Response_file_fd(mkstemp(resp_uu_file_name));
+bool Response_writer::flush_buffer() {
+  const char* next = pbase();
+  std::size_t left = static_cast<std::size_t>(pptr() - pbase());
+  flushed_ += left;
+  while (left > 0 && !failed_) {
+    const ssize_t written = ::write(fd_, next, left);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      failed_ = true;
+      break;
+    }
+    next += written;
+    left -= static_cast<std::size_t>(written);
+  }
+  setp(buffer_.get(), buffer_.get() + kStreamBufferBytes);
+  return !failed_;
+}
+
+Response_writer::int_type Response_writer::overflow(int_type ch) {
+  if (!flush_buffer()) return traits_type::eof();
+  if (!traits_type::eq_int_type(ch, traits_type::eof())) {
+    *pptr() = traits_type::to_char_type(ch);
+    pbump(1);
+  }
+  return traits_type::not_eof(ch);
+}
+
+int Response_writer::sync() {
+  return flush_buffer() ? 0 : -1;
+}
+
+Response_file create_response_file() {
+  Response_file file;
+  // A fresh copy of the template every time: never a name used before.
+  std::strcpy(resp_uu_file_name, orvik::paths::kResponseTemplate);
+  file.fd = Unique_fd(mkostemp(resp_uu_file_name, O_CLOEXEC));
+  if (!file.fd) {
+    file.error = errno;
+    // mkstemp may have filled in the name all the same.
+    std::strcpy(resp_uu_file_name, orvik::paths::kResponseTemplate);
+    return file;
+  }
+  // mkstemp asks for 0600, which the caller's umask could still narrow.
+  (void)!fchmod(file.fd.get(), S_IRUSR | S_IWUSR);
+  return file;
 }
 
 void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& attach_dir,
                       const std::vector<std::string>& found_attachments,
-                      const std::string& resp_boundary, Response_file_fd response_fd) {
+                      const std::string& resp_boundary, const Response_file& response_file,
+                      std::int64_t size_limit) {
   try {
     const std::string resp_subject = response_subject(rule, mail);
     const std::string encoded_subject = orvik::rfc1522::encode(resp_subject);
-    // A file that cannot be opened leaves the stream failed, and every
+    // A file that could not be created leaves the stream failed, and every
     // write below is dropped.
-    const int fd = open_truncated(resp_uu_file_name);
-    __gnu_cxx::stdio_filebuf<char> buffer(fd, std::ios::out | std::ios::binary, kStreamBufferBytes);
-    std::ostream out(&buffer);
-    if (!buffer.is_open()) {
-      if (fd != -1) close(fd);
-      out.setstate(std::ios::failbit);
-    }
-    write_response(out, mail, rule, encoded_subject, attach_dir, found_attachments, resp_boundary);
-    buffer.close();
-    response_fd.reset();
+    Response_writer writer(response_file.fd.get());
+    std::ostream out(&writer);
+    if (writer.failed()) out.setstate(std::ios::failbit);
+    write_response(out, writer, mail, rule, encoded_subject, attach_dir, found_attachments,
+                   resp_boundary, size_limit);
+    writer.pubsync();
   } catch (const orvik::idn::IdnaError& error) {
     messlog2(1, 0, "IDN conversion error: %s", error.what());
   } catch (const std::bad_alloc&) {

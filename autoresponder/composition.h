@@ -1,6 +1,9 @@
-// Composition of the reply into the response file (resp_uu_file_name).
+// Composition of the reply into its response file.
 #pragma once
 
+#include <cstdint>
+#include <memory>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -22,21 +25,53 @@ inline constexpr unsigned kAutorespTemplCount = 5;
 inline constexpr unsigned kResponseSubjectMax = 999;
 std::string response_subject(const Resp_rule& rule, const Mail_content& mail);
 
-// The descriptor mkstemp returns for the response file. Nothing is written
-// through it (the reply is written by name); it stays open until the reply is
-// complete. -1 when mkstemp failed, as it does for every reply after the
-// first of a run, whose name no longer ends in XXXXXX.
-using Response_file_fd = Unique_fd;
+// The response file of one reply: created by mkstemp on a fresh copy of the
+// template (its name then in resp_uu_file_name), mode 0600, and from then on
+// reached only through `fd`, which composition writes and delivery hands to
+// sendmail. `fd` is invalid, `error` the errno of the failure and the name
+// the template, when it could not be created.
+struct Response_file {
+  Unique_fd fd;
+  int error = 0;
+};
 
-// Creates the response file (mkstemp on resp_uu_file_name); a failure leaves
-// the name as it was and is not reported.
-Response_file_fd create_response_file();
+// Creates the response file of a reply; a failure is not reported here.
+Response_file create_response_file();
 
-// Writes the complete reply and then closes `response_fd`. An unwritable file
-// drops the reply silently (delivery notices only a file it cannot open). IDN
-// failure and exhausted memory end the process through the message log with
-// status 1.
+// A buffered writer on a descriptor it does not own; counts the bytes given
+// to it. A failed write (or fd -1) makes it drop everything after.
+class Response_writer : public std::streambuf {
+ public:
+  explicit Response_writer(int fd);
+  ~Response_writer() override;
+  Response_writer(const Response_writer&) = delete;
+  Response_writer& operator=(const Response_writer&) = delete;
+
+  // Bytes written so far, those still in the buffer included.
+  std::uint64_t bytes() const { return flushed_ + static_cast<std::uint64_t>(pptr() - pbase()); }
+  bool failed() const { return failed_; }
+
+ protected:
+  int_type overflow(int_type ch) override;
+  int sync() override;
+
+ private:
+  bool flush_buffer();
+
+  int fd_;
+  std::unique_ptr<char[]> buffer_;
+  std::uint64_t flushed_ = 0;
+  bool failed_ = false;
+};
+
+// Writes the complete reply through `response_file` (left open, its offset at
+// the end). Attachments stop once the reply is larger than `size_limit` (0
+// or less: no limit), since delivery then sends the size notice instead. An
+// unwritable file drops the reply silently (delivery reports a file that
+// could not be created). IDN failure and exhausted memory end the process
+// through the message log with status 1.
 void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& attach_dir,
                       const std::vector<std::string>& found_attachments,
-                      const std::string& resp_boundary, Response_file_fd response_fd);
+                      const std::string& resp_boundary, const Response_file& response_file,
+                      std::int64_t size_limit = 0);

@@ -2,14 +2,19 @@
 // replaces an oversized reply, and the hand-over of the response file to a
 // sendmail child, which is waited for before the file is removed.
 //
-// Owns: the read-only descriptor on the response file until the child has
-// it, the child until it has ended.
+// The file is measured and handed over through the descriptor it was created
+// with, never opened by name; the notice is a response file of its own (a
+// new name from mkstemp), and the oversized reply is removed at once.
+//
+// Owns: the child until it has ended; the notice's file until it replaces
+// the reply's in the caller's Response_file.
 //
 // Failures: a missing or unreadable limit file means no limit; a response
 // file that cannot be measured goes out unchecked. A response file that
-// cannot be opened, a sendmail that cannot be started, a mailbox address
-// that fails IDN conversion and exhausted memory end the process through the
-// message log with status 1, leaving the temporary files.
+// could not be created, a sendmail that cannot be started, a mailbox address
+// that fails IDN conversion, a recipient that sendmail would read as an
+// option and exhausted memory end the process through the message log with
+// status 1, leaving the temporary files.
 #include "autoresponder/delivery.h"
 
 #include <fcntl.h>
@@ -24,18 +29,19 @@
 #include <iostream>
 #include <limits>
 #include <new>
+#include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "autoresponder/child_wait.h"
+#include "autoresponder/composition.h"
 #include "lib/forkexec.h"
 #include "lib/paths.h"
 #include "lib/put.h"
 #include "lib/text_encoding/idn.h"
 #include "lib/text_encoding/rfc1522.h"
 #include "lib/unique_fd.h"
-
-namespace {
 
 // The largest message the mail system accepts, in bytes; 0 or less means no
 // limit. Only the first word of the file counts, read as strtol does.
@@ -54,26 +60,45 @@ std::int32_t read_databytes_limit() {
   return static_cast<std::int32_t>(value);
 }
 
+namespace {
+
 // The notice always answers the incoming subject, whatever the rule's own
-// subject, and names the mailbox as it was addressed.
-void write_size_notice(const Mail_content& mail, const Resp_rule& rule) {
-  std::ofstream out(resp_uu_file_name, std::ios::out | std::ios::trunc | std::ios::binary);
-  if (!rule.reply_to.empty()) out << "Reply-To: " << rule.reply_to << '\n';
-  out << "From: " << mail.to << '\n';
-  out << "CC: \n";
-  out << "Subject: " << orvik::rfc1522::encode("Re: " + mail.subject) << '\n';
-  out << '\n';
-  out << "An error occurred while responding on you request.\n";
-  out << '\n';
-  out << "Autoresponder message size exceeds databytes limit.\n";
-  out << "\n\n\n";
+// subject, and names the mailbox as it was addressed. It is written into a
+// new response file, which then takes the reply's place; the reply's file is
+// removed. A notice file that cannot be created leaves the reply as it is.
+void write_size_notice(const Mail_content& mail, const Resp_rule& rule, Response_file& file) {
+  const std::string reply_name = resp_uu_file_name;
+  Response_file notice = create_response_file();
+  if (!notice.fd) {
+    // Keeps the reply's name for its removal.
+    std::strcpy(resp_uu_file_name, reply_name.c_str());
+    return;
+  }
+  {
+    Response_writer writer(notice.fd.get());
+    std::ostream out(&writer);
+    if (!rule.reply_to.empty()) out << "Reply-To: " << rule.reply_to << '\n';
+    out << "From: " << mail.to << '\n';
+    out << "CC: \n";
+    out << "Subject: " << orvik::rfc1522::encode("Re: " + mail.subject) << '\n';
+    out << '\n';
+    out << "An error occurred while responding on you request.\n";
+    out << '\n';
+    out << "Autoresponder message size exceeds databytes limit.\n";
+    out << "\n\n\n";
+  }
+  file.fd.reset();
+  unlink(reply_name.c_str());
+  file = std::move(notice);
 }
 
-void apply_size_limit(const Mail_content& mail, const Resp_rule& rule) {
-  const std::int32_t databytes_limit = read_databytes_limit();
+void apply_size_limit(const Mail_content& mail, const Resp_rule& rule, Response_file& file,
+                      std::int32_t databytes_limit) {
   struct stat status;
-  if (stat(resp_uu_file_name, &status) != 0) return;
-  if (databytes_limit > 0 && status.st_size > databytes_limit) write_size_notice(mail, rule);
+  if (fstat(file.fd.get(), &status) != 0) return;
+  if (databytes_limit > 0 && status.st_size > databytes_limit) {
+    write_size_notice(mail, rule, file);
+  }
 }
 
 // One line: "autoresponder: ", the text, the error's text and number.
@@ -82,21 +107,23 @@ void report_errno(const std::string& text, int error) {
             << std::endl;
 }
 
-void hand_to_sendmail(const Mail_content& mail) {
-  Unique_fd response(open(resp_uu_file_name, O_RDONLY));
-  if (response.get() < 0) {
+void hand_to_sendmail(const Mail_content& mail, const Response_file& file) {
+  // Read from its first byte; the descriptor's offset is the child's too.
+  if (!file.fd || lseek(file.fd.get(), 0, SEEK_SET) != 0) {
+    if (!file.fd) errno = file.error;
     report_errno(std::string("Failed to open temporary file with response mail contents '") +
                      resp_uu_file_name + "': ",
                  errno);
     throw std::runtime_error("Failed to generate response mail contents");
   }
+  // The run's loop guards refuse such a sender; this keeps it so for every
+  // way here.
+  if (mail.from.starts_with('-')) throw std::runtime_error("Recipient address begins with '-'");
   const std::string envelope_sender = orvik::idn::toAscii(mail.to);
-  const pid_t pid =
-      fork_execl_pipes(response.get(), STDOUT_FILENO, STDERR_FILENO, orvik::paths::kSendmail,
-                       orvik::paths::kSendmail, "-f", envelope_sender.c_str(), mail.from.c_str(),
-                       static_cast<const char*>(nullptr));
+  const pid_t pid = fork_execl_pipes(
+      file.fd.get(), STDOUT_FILENO, STDERR_FILENO, orvik::paths::kSendmail, orvik::paths::kSendmail,
+      "-f", envelope_sender.c_str(), mail.from.c_str(), static_cast<const char*>(nullptr));
   const int spawn_error = errno;
-  response.reset();
   if (pid < 0) {
     report_errno("Failed to spawn sendmail for response: ", spawn_error);
     throw std::runtime_error("Failed to spawn sendmail to send response mail");
@@ -106,10 +133,11 @@ void hand_to_sendmail(const Mail_content& mail) {
 
 }  // namespace
 
-void deliver_response(const Mail_content& mail, const Resp_rule& rule) {
+void deliver_response(const Mail_content& mail, const Resp_rule& rule, Response_file& file,
+                      std::int32_t databytes_limit) {
   try {
-    apply_size_limit(mail, rule);
-    hand_to_sendmail(mail);
+    apply_size_limit(mail, rule, file, databytes_limit);
+    hand_to_sendmail(mail, file);
   } catch (const orvik::idn::IdnaError& error) {
     messlog2(1, 0, "IDN conversion error: %s", error.what());
   } catch (const std::bad_alloc&) {
@@ -118,5 +146,6 @@ void deliver_response(const Mail_content& mail, const Resp_rule& rule) {
     messlog2(1, 0, "Send error: %s", error.what());
   }
   // The name stays in the buffer; the end of the run removes it once more.
+  file.fd.reset();
   unlink(resp_uu_file_name);
 }

@@ -9,7 +9,8 @@
 // correct_exit(). Everything else is best effort: a file that cannot be opened
 // or a sendmail that cannot be started is reported on one line and the answer
 // still goes out. Addresses are handed to sendmail as separate arguments
-// without any shell, exactly as stored.
+// without any shell, exactly as stored; one that begins with "-", which
+// sendmail would read as an option, is left out with a report line.
 #include "autoresponder/forwarding.h"
 
 #include <fcntl.h>
@@ -71,7 +72,15 @@ void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_
   argv.push_back(orvik::paths::kSendmail);
   argv.push_back("-f");
   argv.push_back(mail.to.c_str());
-  for (const std::string& address : addresses) argv.push_back(address.c_str());
+  for (const std::string& address : addresses) {
+    if (address.starts_with('-')) {
+      std::cerr << "autoresponder: Forwarding address begins with '-', left out: " << address
+                << '\n';
+      continue;
+    }
+    argv.push_back(address.c_str());
+  }
+  if (argv.size() == 3) return;
   argv.push_back(nullptr);
 
   const pid_t pid = fork_execv_pipes(message.get(), STDOUT_FILENO, STDERR_FILENO,

@@ -1,5 +1,5 @@
-// The responder routine: escapes the recipient, opens the run's database
-// connection, resolves the mailbox, then walks its rules in database order and
+// The responder routine: opens the run's database connection, escapes the
+// recipient on it, resolves the mailbox, then walks its rules in database order and
 // runs the chain of every rule that is on, matches and passes its frequency
 // limit.
 //
@@ -10,7 +10,6 @@
 // it calls end the run themselves as they document.
 #include "autoresponder/responder.h"
 
-#include <cstdlib>
 #include <iostream>
 
 #include "autoresponder/answer.h"
@@ -23,38 +22,18 @@
 #include "lib/libcommon.h"
 #include "lib/mysql_handle.h"
 
-namespace {
-
-// A buffer for the connection-less escaping of `text`: the worst case doubles
-// every byte, plus the terminating NUL.
-MallocChars escape_buffer_for(const std::string& text) {
-  return MallocChars(static_cast<char*>(std::malloc(2 * text.size() + 1)));
-}
-
-}  // namespace
-
 int db_mail_act(Mail_content* mail) {
-  MallocChars esc_domain = escape_buffer_for(mail->to_domain);
-  MallocChars esc_mailname = escape_buffer_for(mail->to_mailname);
-  if (!esc_domain || !esc_mailname) {
-    std::cerr << "autoresponder: Unable to alloc memory" << std::endl;
-    correct_exit();
-  }
-  // No connection exists yet, hence the connection-less form. This client
-  // library escapes by its default character set, which is set up only by
-  // the library's initialisation (otherwise first done by mysql_init).
-  if (mysql_library_init(0, nullptr, nullptr) != 0) {
-    std::cerr << "autoresponder: Unable to initialize the MySQL client library" << std::endl;
-    correct_exit();
-  }
-  mysql_escape_string(esc_domain.get(), mail->to_domain.data(), mail->to_domain.size());
-  mysql_escape_string(esc_mailname.get(), mail->to_mailname.data(), mail->to_mailname.size());
-
   MysqlConnection connection(db_connect());
   if (!connection) {
     std::cerr << "autoresponder: Unable to connect to the mysql database " << std::endl;
     correct_exit();
   }
+  // Escaped by the open connection, so by its character set and sql_mode: a
+  // server that runs NO_BACKSLASH_ESCAPES reads a quote escaped as two
+  // quotes, where a backslash would end the string for it. Under the
+  // default mode the result is the same as the connection-less escaping.
+  MallocChars esc_domain(escape_mysql_param(connection.get(), mail->to_domain.c_str()));
+  MallocChars esc_mailname(escape_mysql_param(connection.get(), mail->to_mailname.c_str()));
 
   const Mailbox_ref mailbox =
       resolve_mailbox(connection.get(), *mail, esc_domain.get(), esc_mailname.get());

@@ -1,6 +1,11 @@
 // Autoresponder rules: reading one row of mail_resp into a Resp_rule and
 // deciding whether the rule applies to the incoming message.
 //
+// The columns that go into the reply's header lines (subject template,
+// reply_to, charset, content_type) lose their control characters but the
+// tab: a line feed in a database value must not make a header line of its
+// own (a Bcc:, say). Values without them are kept byte for byte.
+//
 // Owns nothing beyond the rule values it copies. Cannot fail: a NULL column
 // keeps the field's default, and every comparison is exact and
 // case-sensitive, so a misspelt switch or key place simply takes the
@@ -20,11 +25,23 @@ void take_column(const char* value, std::string& field) {
   if (value != nullptr) field = value;  // NULL keeps the default; "" stays ""
 }
 
+void take_header_column(const char* value, std::string& field) {
+  take_column(value, field);
+  strip_header_controls(field);
+}
+
 bool contains(std::string_view haystack, std::string_view key) {
   return haystack.find(key) != std::string_view::npos;
 }
 
 }  // namespace
+
+void strip_header_controls(std::string& value) {
+  std::erase_if(value, [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte < 0x20 && byte != '\t') || byte == 0x7f;
+  });
+}
 
 Resp_rule rule_from_row(MYSQL_ROW row) {
   Resp_rule rule;
@@ -35,10 +52,10 @@ Resp_rule rule_from_row(MYSQL_ROW row) {
   take_column(row[4], rule.resp_on);
   take_column(row[5], rule.ans_freq);
   take_column(row[6], rule.mem_limit);
-  take_column(row[7], rule.subject);
-  take_column(row[8], rule.reply_to);
-  take_column(row[9], rule.charset);
-  take_column(row[10], rule.content_type);
+  take_header_column(row[7], rule.subject);
+  take_header_column(row[8], rule.reply_to);
+  take_header_column(row[9], rule.charset);
+  take_header_column(row[10], rule.content_type);
   return rule;
 }
 

@@ -26,7 +26,12 @@ struct Resp_rule {
 extern const char kRuleColumns[];
 
 // Fills a rule from a row of the rule statement (columns 0 to 10).
+// subject, reply_to, charset and content_type pass strip_header_controls.
 Resp_rule rule_from_row(MYSQL_ROW row);
+
+// Removes every control character but the tab (bytes below 0x20, and 0x7f)
+// from a value bound for a header line.
+void strip_header_controls(std::string& value);
 
 // resp_on exactly "false" is off; key_where "subj" searches the subject,
 // "body" each body line; anything else matches every message.

@@ -60,6 +60,8 @@ void correct_exit() {
 
 const char* loop_guard_refusal(const Mail_content& mail) {
   if (mail.from == mail.to) return "Field From: equial field To:";
+  // sendmail would read such an address as an option, not as the recipient.
+  if (mail.from.starts_with('-')) return "Field From: begins with '-'";
   for (const char* daemon : kDaemonNames) {
     if (mail.from.find(daemon) != std::string::npos) return "Field From: contains MAILER-DAEMON";
   }
@@ -70,7 +72,7 @@ void run_autoresponder(int /*argc*/, char** argv) {
   PROGNAME = argv[0];
   open_standard_descriptors();
   // Before any library can read the environment.
-  drop_privileged_environment(getauxval(AT_SECURE) != 0);
+  harden_privileged_start(getauxval(AT_SECURE) != 0);
   autoprepend();
   // Lives until exit(): the responder keeps pointers into it.
   Mail_content mail;

@@ -280,7 +280,7 @@ const auto text_for = [](int size) {
 // Ada Owner's example.org holds "info" (rule 1, alias "sales") and a name too long
 // for IDN (rule 9), bücher.example "info" (rule 8); example.net is an alias that
 // serves mail. info's repository: 100 bytes, an empty file, a non-ASCII name,
-// a.txt and a socket, which exists but cannot be opened.
+// a.txt and a socket, which exists but is no regular file, so counts as missing.
 class Answers : public e2e::EndToEndTest {
  protected:
   void SetUp() override {
@@ -451,14 +451,20 @@ TEST_F(Answers, InvalidUtf8InTheText) {
   }
 }
 
-// A response file gone when delivery starts (the name still holds its
-// template): two reports, status 1. The program itself never gets there.
-TEST_F(Answers, MissingResponseFileEndsTheRunWithStatus1) {
+// A response file that could not be created (no temporary directory; the
+// name still holds its template): two reports, status 1.
+TEST_F(Answers, UncreatableResponseFileEndsTheRunWithStatus1) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child must not close our connection
-  EXPECT_EXIT(deliver_response(Mail_content{}, Resp_rule{}), ::testing::ExitedWithCode(1),
-              "autoresponder: Failed to open temporary file with response mail contents '.*"
-              "/tmp/ovk-response-uu-XXXXXX': No such file or directory \\(2\\)\n"
-              "Send error: Failed to generate response mail contents\n");
+  std::filesystem::remove_all(Sandbox::path("tmp"));
+  EXPECT_EXIT(
+      {
+        Response_file file = create_response_file();
+        deliver_response(Mail_content{}, Resp_rule{}, file, 0);
+      },
+      ::testing::ExitedWithCode(1),
+      "autoresponder: Failed to open temporary file with response mail contents '.*"
+      "/tmp/ovk-response-uu-XXXXXX': No such file or directory \\(2\\)\n"
+      "Send error: Failed to generate response mail contents\n");
   EXPECT_TRUE(Sandbox::sendmail_calls().empty());
 }
 

@@ -5,6 +5,9 @@
 #                path that was executed, since the kernel's script start
 #                replaces the caller's argv[0] by it)
 #   <seq>.stdin  everything read on standard input
+#   <seq>.env    the environment it was started with, each entry followed by
+#                a NUL byte (its own /proc environ, before the shell adds any)
+#   <seq>.context  "<mode of stdin> <stdin's file> umask=<umask> cwd=<dir>"
 #   <seq>.times  "<start> <end>\n", seconds since the epoch with nanoseconds
 # <seq> is a six-digit number, claimed atomically with mkdir, so concurrent
 # invocations never share one; the numbers follow the order of the starts.
@@ -29,6 +32,9 @@ while :; do
 done
 
 printf '%s\0' "$0" "$@" >"$log/$id.args"
+cat /proc/$$/environ >"$log/$id.env"
+printf '%s %s umask=%s cwd=%s\n' "$(stat -L -c %a /proc/$$/fd/0)" "$(readlink /proc/$$/fd/0)" \
+  "$(umask)" "$(pwd)" >"$log/$id.context"
 
 mode=record
 if [ -f "$root/sendmail-mode" ]; then mode=$(cat "$root/sendmail-mode"); fi

@@ -270,6 +270,8 @@ std::vector<SendmailCall> Sandbox::sendmail_calls() {
     SendmailCall call;
     call.argv = split_at_nul(read_whole_file(base + ".args"));
     if (fs::exists(base + ".stdin")) call.input = read_whole_file(base + ".stdin");
+    if (fs::exists(base + ".env")) call.environment = split_at_nul(read_whole_file(base + ".env"));
+    if (fs::exists(base + ".context")) call.context = read_whole_file(base + ".context");
     if (fs::exists(base + ".times")) {
       std::istringstream times(read_whole_file(base + ".times"));
       times >> call.started >> call.ended;

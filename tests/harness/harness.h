@@ -18,10 +18,14 @@ namespace e2e {
 
 // One invocation of the fake sendmail, in the order they started.
 struct SendmailCall {
-  std::vector<std::string> argv;  // argv[0] included
-  std::string input;              // everything it read on standard input
-  double started = 0;             // seconds (CLOCK_REALTIME) at start and at end,
-  double ended = 0;               // to check that children did not overlap
+  std::vector<std::string> argv;         // argv[0] included
+  std::string input;                     // everything it read on standard input
+  std::vector<std::string> environment;  // "NAME=value", as the program passed it
+  // "<mode of standard input> <its file> umask=<umask> cwd=<directory>\n";
+  // the file is a path ("... (deleted)" once removed) or pipe:[...].
+  std::string context;
+  double started = 0;  // seconds (CLOCK_REALTIME) at start and at end,
+  double ended = 0;    // to check that children did not overlap
 };
 
 struct RunResult {

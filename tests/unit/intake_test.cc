@@ -3,6 +3,7 @@
 
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -117,17 +118,29 @@ TEST(IntakeTest, RecipientSplitsAtItsFirstAt) {
   }
 }
 
-TEST(SecureEnvironmentTest, PrivilegedStartDropsClientVariablesOnly) {
-  const char* client[] = {
-      "MYSQL_UNIX_PORT",  "MARIADB_UNIX_PORT", "MYSQL_HOST",   "MYSQL_TCP_PORT",     "MYSQL_PWD",
-      "LIBMYSQL_PLUGINS", "MYSQL_HOME",        "MARIADB_HOME", "MARIADB_PLUGIN_DIR", "HOME"};
+// The privileged case changes the whole process (umask, directory, signals),
+// so it runs in a child of its own.
+TEST(SecureEnvironmentTest, PrivilegedStartKeepsOnlyTheRecipient) {
+  const char* client[] = {"MYSQL_UNIX_PORT",    "MARIADB_UNIX_PORT",
+                          "MYSQL_HOST",         "MYSQL_TCP_PORT",
+                          "MYSQL_PWD",          "LIBMYSQL_PLUGINS",
+                          "MYSQL_HOME",         "MARIADB_HOME",
+                          "MARIADB_PLUGIN_DIR", "HOME",
+                          "BASH_ENV",           "PATH"};
   for (const char* name : client) setenv(name, "/elsewhere", 1);
   setenv("RESP_RECIPIENT", "info@example.com", 1);
-  drop_privileged_environment(false);
+  harden_privileged_start(false);
   for (const char* name : client) EXPECT_STREQ(std::getenv(name), "/elsewhere") << name;
-  drop_privileged_environment(true);
-  for (const char* name : client) EXPECT_EQ(std::getenv(name), nullptr) << name;
-  EXPECT_STREQ(std::getenv("RESP_RECIPIENT"), "info@example.com");
+  EXPECT_EXIT(
+      {
+        harden_privileged_start(true);
+        const bool only_recipient = environ[0] != nullptr && environ[1] == nullptr &&
+                                    std::string(environ[0]) == "RESP_RECIPIENT=info@example.com";
+        char cwd[2] = {};
+        const bool at_root = getcwd(cwd, sizeof cwd) != nullptr && std::string(cwd) == "/";
+        std::_Exit(only_recipient && at_root && umask(0) == 077 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 // kOne: ParseMailbox; kReplyTo: GetMailboxFromAddressList; kFrom: GetMailboxFromMailboxList.
