@@ -207,7 +207,8 @@ void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& resp_boundary, Response_file_fd response_fd) {
   try {
     const std::string resp_subject = response_subject(rule, mail);
-    const std::string encoded_subject = orvik::rfc1522::encode(resp_subject);
+    const std::string encoded_subject =
+        orvik::rfc1522::encode_field_body(resp_subject, std::strlen("Subject: "));
     // A file that cannot be opened leaves the stream failed, and every
     // write below is dropped.
     const int fd = open_truncated(resp_uu_file_name);
