@@ -114,6 +114,7 @@ using Fn = std::string (*)(const std::string&);
 const Fn Dec = [](const std::string& s) { return orvik::rfc1522::decode(s); };
 const Fn Enc = [](const std::string& s) { return orvik::rfc1522::encode(s); };
 const Fn B64 = [](const std::string& s) { return orvik::base64_decode(s); };
+const Fn Field = [](const std::string& s) { return orvik::rfc1522::encode_field_body(s, 9); };
 const Fn Idn = [](const std::string& s) { return orvik::idn::toAscii(s); };
 const Fn L1 = [](const std::string& s) { return iconvRecode(s, "ISO-8859-1", "utf-8", true); };
 const Fn ToL1 = [](const std::string& s) { return iconvRecode(s, "utf-8", "ISO-8859-1", true); };
@@ -161,6 +162,11 @@ Case Both(const char* name, Fn fn, const std::string& in, const std::string& out
 
 const std::string kWrong = "wrong rfc1522 sequence ";
 const std::string kHex = "Bad hex in quoted-printable string: ";
+const std::string kBadB64 = "Bad base64 symbol: !\n";
+// Words of the folded form: `data` as one Q-encoded word.
+std::string W(const std::string& data) {
+  return "=?utf-8?Q?" + data + "?=";
+}
 const std::string kNoEnt = "\nSystem error 2: "s + std::strerror(ENOENT) + "\n";
 const std::string kBadLine = "12:Invalid variable definition ";
 const std::string kMissing = "/nonexistent/ovk.conf";
@@ -184,6 +190,18 @@ const Case kCases[] = {
     {"DecodeQBadHexAtEnd", Dec, "=?utf-8?Q?=Z?=", "\0"s, kHex + "Z\n"},
     {"DecodeUnknownCharset", Dec, "=?x-none?Q?a?=", "!Cannot convert from x-none to utf-8"},
     {"DecodeTruncatedCharacter", Dec, "=?utf-8?Q?a=C3?=", "!Conversion from utf-8 to utf-8"},
+    // Reports of one field: the first kMaxReportsPerField, then their number.
+    {"DecodeReportsOfAFieldBounded", Dec, "=?utf-8?B?" + Rep("!", 12) + "?=", "\0\0\0"s,
+     Rep(kBadB64, 10) + kWrong.substr(0, 22) + ": 2 more reports left out\n"},
+    {"DecodeReportsAtTheBound", Dec, "=?utf-8?B?" + Rep("!", 10) + "?=", "\0\0\0"s,
+     Rep(kBadB64, 10)},
+    {"DecodeLongWordShownCut", Dec, "=?" + A(300), "=?" + A(300),
+     kWrong + "(no charset): =?" + A(254) + "...\n"},
+    {"FieldShortKeptAsIs", Field, Rep("é", 449), W(Rep("=C3=A9", 449))},
+    {"FieldLongThatFitsKept", Field, A(989), A(989)},
+    {"FieldLongFolded", Field, A(990), Rep(W(A(63)) + "\n ", 15) + W(A(45))},
+    {"FieldCharactersNotSplit", Field, "x" + Rep("é", 500),
+     W("x" + Rep("=C3=A9", 10)) + Rep("\n " + W(Rep("=C3=A9", 10)), 49)},
     // The examples of the encoded-word standard where our blank rules agree with it.
     {"Rfc2047TwoBlanks", Dec, "=?ISO-8859-1?Q?a?=  =?ISO-8859-1?Q?b?=", "ab"},
     {"Rfc2047SpaceInWord", Dec, "=?ISO-8859-1?Q?a?= =?ISO-8859-2?Q?_b?=", "a b"},
@@ -272,6 +290,22 @@ TEST_P(Convert, Output) {
 
 INSTANTIATE_TEST_SUITE_P(All, Convert, testing::ValuesIn(kCases),
                          [](const auto& p) { return std::string(p.param.name); });
+
+// Long texts: every line within the bound, the text back after unfolding.
+TEST(Rfc1522, FieldBodyLinesBounded) {
+  for (const std::string& text :
+       {Rep("a\xC3\xA9 ", 300), Rep("\xF0\x9F\x98\x80", 250), Rep("=", 400) + A(600)}) {
+    std::string body = "Subject: " + orvik::rfc1522::encode_field_body(text, 9);
+    std::size_t line_start = 0;
+    for (std::size_t lf = body.find('\n'); lf != std::string::npos; lf = body.find('\n', lf + 1)) {
+      EXPECT_LE(lf - line_start, orvik::rfc1522::kMaxLineOctets);
+      line_start = lf + 1;
+    }
+    EXPECT_LE(body.size() - line_start, orvik::rfc1522::kMaxLineOctets);
+    std::erase(body, '\n');
+    EXPECT_EQ(orvik::rfc1522::decode(body.substr(9)), text);
+  }
+}
 
 TEST(Rfc1522, EscapeSet) {
   const std::string escaped = "!\"()*+-/=?_";
