@@ -8,9 +8,6 @@
 // mailbox simply yields no mailbox. Owns no resources; linear in the input.
 #include "autoresponder/address_list.h"
 
-#include <span>
-#include <vector>
-
 namespace {
 
 enum class Token_kind {
@@ -74,59 +71,61 @@ std::size_t delimited_end(std::string_view text, std::size_t start, char open, c
   return std::string_view::npos;
 }
 
-std::vector<Token> tokenize(std::string_view text) {
-  std::vector<Token> tokens;
-  std::size_t pos = 0;
-  while (pos < text.size()) {
-    unsigned char c = static_cast<unsigned char>(text[pos]);
-    if (c == '\0') {
-      tokens.push_back({Token_kind::kNul, text.substr(pos, 1)});
-      ++pos;
-      continue;
+// The tokens of a text, one at a time: nothing is held but the position, so
+// the reader's memory does not grow with the number of tokens.
+class Token_reader {
+ public:
+  explicit Token_reader(std::string_view text) : text_(text) {}
+
+  // The next token, or nullopt at the end of the text.
+  std::optional<Token> next() {
+    while (pos_ < text_.size()) {
+      const unsigned char c = static_cast<unsigned char>(text_[pos_]);
+      if (c == '\0') return take(Token_kind::kNul, pos_ + 1);
+      if (is_separator(c)) {
+        ++pos_;
+        continue;
+      }
+      switch (c) {
+        case '"':
+          return take_delimited(Token_kind::kQuotedString, '"', '"', false);
+        case '(':
+          return take_delimited(Token_kind::kComment, '(', ')', true);
+        case '[':
+          return take_delimited(Token_kind::kDomainLiteral, '[', ']', false);
+        default:
+          break;
+      }
+      if (is_special(c)) return take(Token_kind::kSpecial, pos_ + 1);
+      std::size_t end = pos_ + 1;
+      while (end < text_.size()) {
+        const unsigned char next = static_cast<unsigned char>(text_[end]);
+        if (next == '\0' || is_separator(next) || is_special(next)) break;
+        ++end;
+      }
+      return take(Token_kind::kAtom, end);
     }
-    if (is_separator(c)) {
-      ++pos;
-      continue;
-    }
-    std::size_t end;
-    Token_kind kind;
-    switch (c) {
-      case '"':
-        end = delimited_end(text, pos, '"', '"', false);
-        kind = Token_kind::kQuotedString;
-        break;
-      case '(':
-        end = delimited_end(text, pos, '(', ')', true);
-        kind = Token_kind::kComment;
-        break;
-      case '[':
-        end = delimited_end(text, pos, '[', ']', false);
-        kind = Token_kind::kDomainLiteral;
-        break;
-      default:
-        if (is_special(c)) {
-          end = pos + 1;
-          kind = Token_kind::kSpecial;
-        } else {
-          end = pos + 1;
-          while (end < text.size()) {
-            unsigned char next = static_cast<unsigned char>(text[end]);
-            if (next == '\0' || is_separator(next) || is_special(next)) break;
-            ++end;
-          }
-          kind = Token_kind::kAtom;
-        }
-        break;
-    }
-    if (end == std::string_view::npos) {
-      end = text.size();
-      kind = Token_kind::kUnterminated;
-    }
-    tokens.push_back({kind, text.substr(pos, end - pos)});
-    pos = end;
+    return std::nullopt;
   }
-  return tokens;
-}
+
+  // Where the text after the last token returned begins.
+  std::size_t position() const { return pos_; }
+
+ private:
+  Token take(Token_kind kind, std::size_t end) {
+    const Token token{kind, text_.substr(pos_, end - pos_)};
+    pos_ = end;
+    return token;
+  }
+  Token take_delimited(Token_kind kind, char open, char close, bool nests) {
+    const std::size_t end = delimited_end(text_, pos_, open, close, nests);
+    if (end == std::string_view::npos) return take(Token_kind::kUnterminated, text_.size());
+    return take(kind, end);
+  }
+
+  std::string_view text_;
+  std::size_t pos_ = 0;
+};
 
 bool is_special_token(const Token& token, char c) {
   return token.kind == Token_kind::kSpecial && token.text[0] == c;
@@ -139,17 +138,17 @@ bool holds_line_break(const std::string& text) {
 // The mailbox reader proper: a phrase or local part, then either "<" with an
 // optional route before ":" and a local part "@" domain, or "@" and the domain. Tokens
 // that have no place in the current state are passed over.
-std::optional<Mailbox_address> read_mailbox(std::span<const Token> tokens) {
-  for (const Token& token : tokens) {
-    if (token.kind == Token_kind::kNul || token.text.find('\0') != std::string_view::npos) {
-      return std::nullopt;
-    }
-  }
+// A NUL byte anywhere in the text (every byte that separates no tokens is in
+// one) makes it no mailbox.
+std::optional<Mailbox_address> read_mailbox(std::string_view text) {
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;
 
   enum class State { kStart, kAfterLess, kInRoute, kInAddrSpec, kAfterAt, kAfterGreater };
   State state = State::kStart;
   Mailbox_address mailbox;
-  for (const Token& token : tokens) {
+  Token_reader reader(text);
+  while (const std::optional<Token> next = reader.next()) {
+    const Token& token = *next;
     const bool word = token.kind == Token_kind::kAtom || token.kind == Token_kind::kQuotedString;
     switch (state) {
       case State::kStart:
@@ -203,51 +202,61 @@ std::optional<Mailbox_address> read_mailbox(std::span<const Token> tokens) {
 
 // Walks the list's addresses in order and returns the first mailbox that
 // reads as valid. In an address list a colon outside angle brackets makes the
-// address a group, which runs to its ";" and is passed over whole.
-std::optional<Mailbox_address> first_mailbox(std::string_view field_body, bool with_groups) {
-  const std::vector<Token> tokens = tokenize(field_body);
-  std::size_t pos = 0;
-  while (pos < tokens.size()) {
+// address a group, which runs to its ";" and is passed over whole. Each
+// address is read twice, to find its end and then as a mailbox, so memory
+// holds no tokens. In a `cut` text the address that reaches its end may be
+// incomplete and is not taken.
+std::optional<Mailbox_address> first_mailbox(std::string_view field_body, bool with_groups,
+                                             bool cut) {
+  Token_reader reader(field_body);
+  std::size_t start = 0;
+  for (;;) {
     enum class State { kTop, kInAngles, kInGroup } state = State::kTop;
     bool group = false;
-    const std::size_t start = pos;
-    for (; pos < tokens.size(); ++pos) {
-      const Token& token = tokens[pos];
-      if (token.kind != Token_kind::kSpecial) continue;
-      const char c = token.text[0];
-      if (state == State::kTop) {
-        if (c == ',') break;
-        if (c == '<') {
-          state = State::kInAngles;
-        } else if (with_groups && c == ':') {
-          group = true;
-          state = State::kInGroup;
+    bool any_token = false;
+    bool comma = false;
+    std::size_t end = field_body.size();
+    while (const std::optional<Token> token = reader.next()) {
+      if (token->kind == Token_kind::kSpecial) {
+        const char c = token->text[0];
+        if (state == State::kTop && c == ',') {
+          comma = true;
+          end = reader.position() - 1;
+          break;
         }
-      } else if (state == State::kInAngles) {
-        if (c == '>') state = State::kTop;
-      } else if (c == ';') {
-        state = State::kTop;
+        if (state == State::kTop) {
+          if (c == '<') {
+            state = State::kInAngles;
+          } else if (with_groups && c == ':') {
+            group = true;
+            state = State::kInGroup;
+          }
+        } else if (state == State::kInAngles) {
+          if (c == '>') state = State::kTop;
+        } else if (c == ';') {
+          state = State::kTop;
+        }
       }
+      any_token = true;
     }
-    const std::span<const Token> address(tokens.data() + start, pos - start);
-    if (pos < tokens.size()) ++pos;  // the comma
-    if (address.empty() || group) continue;
-    if (auto mailbox = read_mailbox(address)) return mailbox;
+    if (any_token && !group && (comma || !cut)) {
+      if (auto mailbox = read_mailbox(field_body.substr(start, end - start))) return mailbox;
+    }
+    if (!comma) return std::nullopt;
+    start = reader.position();
   }
-  return std::nullopt;
 }
 
 }  // namespace
 
 std::optional<Mailbox_address> ParseMailbox(std::string_view text) {
-  const std::vector<Token> tokens = tokenize(text);
-  return read_mailbox(tokens);
+  return read_mailbox(text);
 }
 
-std::optional<Mailbox_address> GetMailboxFromAddressList(std::string_view field_body) {
-  return first_mailbox(field_body, true);
+std::optional<Mailbox_address> GetMailboxFromAddressList(std::string_view field_body, bool cut) {
+  return first_mailbox(field_body, true, cut);
 }
 
-std::optional<Mailbox_address> GetMailboxFromMailboxList(std::string_view field_body) {
-  return first_mailbox(field_body, false);
+std::optional<Mailbox_address> GetMailboxFromMailboxList(std::string_view field_body, bool cut) {
+  return first_mailbox(field_body, false, cut);
 }

@@ -31,9 +31,13 @@ struct Mailbox_address {
 std::optional<Mailbox_address> ParseMailbox(std::string_view text);
 
 // Reply-To: the first address of the list that is valid, not a group and a
-// mailbox; members of groups are not considered.
-std::optional<Mailbox_address> GetMailboxFromAddressList(std::string_view field_body);
+// mailbox; members of groups are not considered. `cut`: the text is only the
+// beginning of the field body, so its last address (the one not ended by a
+// comma) may be incomplete and is not taken.
+std::optional<Mailbox_address> GetMailboxFromAddressList(std::string_view field_body,
+                                                         bool cut = false);
 
 // From: the first valid mailbox of the list. A mailbox list has no groups, so
-// a colon has no meaning here.
-std::optional<Mailbox_address> GetMailboxFromMailboxList(std::string_view field_body);
+// a colon has no meaning here. `cut` as above.
+std::optional<Mailbox_address> GetMailboxFromMailboxList(std::string_view field_body,
+                                                         bool cut = false);

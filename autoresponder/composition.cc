@@ -267,7 +267,8 @@ void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       std::int64_t size_limit) {
   try {
     const std::string resp_subject = response_subject(rule, mail);
-    const std::string encoded_subject = orvik::rfc1522::encode(resp_subject);
+    const std::string encoded_subject =
+        orvik::rfc1522::encode_field_body(resp_subject, std::strlen("Subject: "));
     // A file that could not be created leaves the stream failed, and every
     // write below is dropped.
     Response_writer writer(response_file.fd.get());

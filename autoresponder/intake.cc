@@ -98,12 +98,15 @@ std::string up_to_nul(std::string text) {
 }
 
 // Reply-To before From. Reply-To is an address list whose groups are never
-// taken; From is a list of mailboxes.
+// taken; From is a list of mailboxes. Of a field cut to its kept length the
+// last, perhaps incomplete, address is not taken.
 std::optional<Mailbox_address> choose_sender(const Entity_headers& headers) {
   if (headers.reply_to) {
-    if (auto mailbox = GetMailboxFromAddressList(*headers.reply_to)) return mailbox;
+    if (auto mailbox = GetMailboxFromAddressList(*headers.reply_to, headers.reply_to_cut)) {
+      return mailbox;
+    }
   }
-  if (headers.from) return GetMailboxFromMailboxList(*headers.from);
+  if (headers.from) return GetMailboxFromMailboxList(*headers.from, headers.from_cut);
   return std::nullopt;
 }
 

@@ -137,13 +137,15 @@ std::string_view Stored_message_reader::peek_line() {
   return held.substr(0, std::min(held.size(), kWindow));
 }
 
-void Stored_message_reader::consume_line(std::string* keep) {
+void Stored_message_reader::consume_line(std::string* keep, std::size_t keep_max) {
   consumed_crlf_ = false;
   for (;;) {
     const std::string_view held(buffer_.get() + begin_, end_ - begin_);
     const std::size_t lf = held.find('\n');
     const std::size_t taken = lf == std::string_view::npos ? held.size() : lf + 1;
-    if (keep != nullptr) keep->append(held.data(), taken);
+    if (keep != nullptr && keep->size() < keep_max) {
+      keep->append(held.data(), std::min(taken, keep_max - keep->size()));
+    }
     if (lf != std::string_view::npos)
       consumed_crlf_ = (lf > 0 ? held[lf - 1] : last_consumed_) == '\r';
     if (taken > 0) last_consumed_ = held[taken - 1];
@@ -175,11 +177,27 @@ Entity_headers ReadHeaderBlock(Stored_message_reader& reader, Header_block_kind 
   bool any_field = false;  // a field has been read (then lines that are no field are dropped)
   std::optional<std::string>* slot = nullptr;  // where the open field is kept, if anywhere
   std::string text;                            // the open field, when kept
+  std::size_t text_max = 0;                    // its name, colon and kMaxKeptFieldBody
+  off_t field_start = 0;                       // where the open field begins in the file
 
   const auto close_field = [&] {
     if (slot != nullptr) {
-      const std::string_view raw = std::string_view(text).substr(text.find(':') + 1);
-      *slot = std::string(TrimFieldBody(raw.substr(0, raw.find('\0'))));
+      std::string_view raw = std::string_view(text).substr(text.find(':') + 1);
+      const std::size_t nul = raw.find('\0');
+      // Bytes were left out, and the NUL that would end the body anyway
+      // does not come first. A Subject then ends at its last blank, so that
+      // no encoded word is cut (unless it has none but leading ones).
+      const bool cut = reader.offset() - field_start > static_cast<off_t>(text.size()) &&
+                       nul == std::string_view::npos;
+      if (cut && slot == &headers.subject) {
+        const std::size_t blank = raw.find_last_of(" \t\r\n");
+        if (blank != std::string_view::npos && raw.find_first_not_of(" \t\r\n") < blank) {
+          raw = raw.substr(0, blank);
+        }
+      }
+      *slot = std::string(TrimFieldBody(raw.substr(0, nul)));
+      if (slot == &headers.reply_to) headers.reply_to_cut = cut;
+      if (slot == &headers.from) headers.from_cut = cut;
     }
     slot = nullptr;
     text.clear();
@@ -220,9 +238,11 @@ Entity_headers ReadHeaderBlock(Stored_message_reader& reader, Header_block_kind 
       if (name.result == Name_scan::kField) {
         any_field = true;
         slot = field_slot(headers, kind, line.substr(0, name.length));
+        text_max = line.find(':') + 1 + kMaxKeptFieldBody;
+        field_start = reader.offset();
       }
     }
-    reader.consume_line(slot != nullptr ? &text : nullptr);
+    reader.consume_line(slot != nullptr ? &text : nullptr, text_max);
   }
   close_field();
   return headers;

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,8 +35,9 @@ class Stored_message_reader {
   // file. It ends in a line feed unless it is longer than the window or the
   // file ends without one.
   std::string_view peek_line();
-  // Consumes the current line, appending it to `keep` when given.
-  void consume_line(std::string* keep = nullptr);
+  // Consumes the current line, appending it to `keep` when given, as far as
+  // `keep` then holds no more than `keep_max` bytes.
+  void consume_line(std::string* keep = nullptr, std::size_t keep_max = SIZE_MAX);
   // Whether the line consumed last ended in CR LF.
   bool consumed_crlf() const { return consumed_crlf_; }
 
@@ -82,6 +84,12 @@ Boundary_kind ClassifyBoundaryLine(std::string_view line, std::string_view delim
 
 enum class Header_block_kind { kMessage, kPart };
 
+// Of a kept field body longer than this (a From list or a Subject of
+// megabytes) only this many bytes are kept, and of a Subject only those
+// before the last blank, CR or LF among them (that follows other text); the
+// rest of the field is read past.
+inline constexpr std::size_t kMaxKeptFieldBody = 64 * 1024;
+
 // The fields of one header block the intake reads: the field body (the raw
 // text after the colon up to a NUL byte, leading blanks and trailing white
 // space removed, folding kept) of the first field of each name, names
@@ -102,6 +110,10 @@ struct Entity_headers {
   std::optional<std::string> from;
   std::optional<std::string> subject;
   std::optional<std::string> date;
+  // Whether the Reply-To or From kept is only the beginning of a longer field
+  // body (kMaxKeptFieldBody), so that its last address may be incomplete.
+  bool reply_to_cut = false;
+  bool from_cut = false;
 };
 
 // Reads the header block that starts at the reader's position and leaves the

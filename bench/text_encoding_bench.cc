@@ -4,6 +4,8 @@
 // be compared across sizes; it should stay flat (linear total cost).
 #include <benchmark/benchmark.h>
 
+#include <iostream>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -35,6 +37,42 @@ void BM_Decode(benchmark::State& state) {
   const std::string text = Repeat(
       "=?iso-8859-1?Q?caf=E9_au_lait?= =?utf-8?B?R3LDvMOfZQ==?= plain words ", state.range(0));
   for (auto _ : state) benchmark::DoNotOptimize(orvik::rfc1522::decode(text));
+  Finish(state, text.size());
+}
+
+// Counts the bytes written to it (the decoder's reports on std::cerr).
+class CountingBuffer : public std::streambuf {
+ public:
+  std::size_t bytes = 0;
+
+ protected:
+  int_type overflow(int_type c) override {
+    ++bytes;
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char*, std::streamsize n) override {
+    bytes += static_cast<std::size_t>(n);
+    return n;
+  }
+};
+
+// A megabyte field of encoded words: state.range(0) selects well-formed
+// words (0, the baseline), bad base64 symbols in many words (1), or one word
+// of bad symbols (2). Reports are counted, not written.
+void BM_DecodeMegabyteField(benchmark::State& state) {
+  constexpr int64_t kField = 1 << 20;
+  const std::string text = state.range(0) == 0   ? Repeat("=?utf-8?B?YWJj?= ", kField)
+                           : state.range(0) == 1 ? Repeat("=?utf-8?B?!!!!?= ", kField)
+                                                 : "=?utf-8?B?" + std::string(kField, '!') + "?=";
+  CountingBuffer reports;
+  std::streambuf* const saved = std::cerr.rdbuf(&reports);
+  for (auto _ : state) benchmark::DoNotOptimize(orvik::rfc1522::decode(text));
+  std::cerr.rdbuf(saved);
+  state.counters["report_bytes"] =
+      static_cast<double>(reports.bytes) / static_cast<double>(state.iterations());
+  state.SetLabel(state.range(0) == 0   ? "good words"
+                 : state.range(0) == 1 ? "bad words"
+                                       : "bad word");
   Finish(state, text.size());
 }
 
@@ -100,6 +138,7 @@ SIZES(BM_IconvLatin1ToUtf8);
 SIZES(BM_IconvInvalidUtf8Skipped);
 SIZES(BM_Base64Encode);
 SIZES(BM_Base64Decode);
+BENCHMARK(BM_DecodeMegabyteField)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

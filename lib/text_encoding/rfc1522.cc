@@ -6,7 +6,10 @@
 //
 // Owns nothing beyond its result strings. The decoder is lenient with mail
 // from outside: a malformed word, a bad Q escape or a bad base64 symbol is
-// reported on standard error and kept or skipped, never fatal. Only the
+// reported on standard error and kept or skipped, never fatal. A field of
+// hostile text may hold millions of them, so one decode() reports the first
+// kMaxReportsPerField and then says in one line how many it left out; a
+// malformed word is shown up to kMaxReportedWordBytes. Only the
 // charset conversion fails, by throwing std::runtime_error (unknown charset,
 // decoded bytes ending inside a character); no partial result is returned.
 #include "lib/text_encoding/rfc1522.h"
@@ -15,6 +18,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 #include "lib/text_encoding/iconv_recode.h"
 #include "lib/text_encoding/rfc1522_internal.h"
@@ -29,8 +33,49 @@ constexpr std::string_view kWordEnd = "?=";
 constexpr char kEncodedWordPrefix[] = "=?utf-8?Q?";
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
+// The reports of the decode() under way on this thread, counted against the
+// field's budget; outside decode() (the workers called alone) every report
+// is written.
+class Field_reports {
+ public:
+  Field_reports() : outer_(std::exchange(current_, this)) {}
+  Field_reports(const Field_reports&) = delete;
+  Field_reports& operator=(const Field_reports&) = delete;
+  ~Field_reports() {
+    current_ = outer_;
+    if (left_out_ > 0) {
+      std::cerr << "wrong rfc1522 sequence: " << left_out_ << " more reports left out" << std::endl;
+    }
+  }
+
+  // Whether the next report is written (and counts it either way).
+  static bool admit() {
+    if (current_ == nullptr) return true;
+    if (current_->written_ < rfc1522::kMaxReportsPerField) {
+      ++current_->written_;
+      return true;
+    }
+    ++current_->left_out_;
+    return false;
+  }
+
+ private:
+  static thread_local Field_reports* current_;
+  Field_reports* outer_;
+  std::size_t written_ = 0;
+  std::size_t left_out_ = 0;
+};
+
+thread_local Field_reports* Field_reports::current_ = nullptr;
+
 void report_malformed(const char* what, const std::string& word) {
-  std::cerr << "wrong rfc1522 sequence (" << what << "): " << word << std::endl;
+  if (!Field_reports::admit()) return;
+  std::cerr << "wrong rfc1522 sequence (" << what << "): ";
+  if (word.size() <= rfc1522::kMaxReportedWordBytes) {
+    std::cerr << word << std::endl;
+  } else {
+    std::cerr.write(word.data(), rfc1522::kMaxReportedWordBytes) << "..." << std::endl;
+  }
 }
 
 // The Q-encoding of `text` appended to `output`; the caller reserves.
@@ -159,7 +204,7 @@ void appendQP(std::string* output, const std::string& text, long* position) {
     // pair without any digit yields a 0 byte after the report.
     char* parse_end = nullptr;
     const unsigned long value = std::strtoul(hex, &parse_end, 16);
-    if (parse_end == hex && taken > 0) {
+    if (parse_end == hex && taken > 0 && Field_reports::admit()) {
       std::cerr << "Bad hex in quoted-printable string: ";
       std::cerr.write(hex, static_cast<std::streamsize>(taken)) << std::endl;
     }
@@ -191,7 +236,7 @@ int base64Take(const std::string& text, std::size_t& position) {
       case '\r':
         break;
       default:
-        std::cerr << "Bad base64 symbol: " << c << std::endl;
+        if (Field_reports::admit()) std::cerr << "Bad base64 symbol: " << c << std::endl;
         break;
     }
   }
@@ -227,6 +272,7 @@ std::string qp_encode(const std::string& text) {
 }
 
 std::string decode(std::string text) {
+  const Field_reports reports;
   return words_map(text, rfc1522_decode_word);
 }
 
@@ -244,6 +290,45 @@ std::string encode(std::string text) {
   encoded.append(text, 0, plain);
   encoded += kEncodedWordPrefix;
   append_q_encoded(encoded, tail);
+  encoded += kWordEnd;
+  return encoded;
+}
+
+std::string encode_field_body(const std::string& text, std::size_t prefix_length) {
+  std::string encoded = encode(text);
+  if (text.size() < kKeptAsIsBytes || prefix_length + encoded.size() <= kMaxLineOctets) {
+    return encoded;
+  }
+  encoded.clear();
+  std::size_t used = 0;  // data bytes in the open word
+  bool open = false;
+  for (std::size_t i = 0; i < text.size();) {
+    // One character: a byte, with the continuation bytes that follow a
+    // leading byte (at most 4 bytes, so that any byte sequence fits a word).
+    std::size_t length = 1;
+    if ((static_cast<unsigned char>(text[i]) & 0xC0) == 0xC0) {
+      while (length < 4 && i + length < text.size() &&
+             (static_cast<unsigned char>(text[i + length]) & 0xC0) == 0x80) {
+        ++length;
+      }
+    }
+    const std::string_view character = std::string_view(text).substr(i, length);
+    std::size_t cost = 0;
+    for (const char c : character) cost += c != ' ' && rfc1522_nonprintable(c) ? 3 : 1;
+    if (open && used + cost > kFoldedWordData) {
+      encoded += kWordEnd;
+      encoded += "\n ";
+      open = false;
+    }
+    if (!open) {
+      encoded += kEncodedWordPrefix;
+      used = 0;
+      open = true;
+    }
+    append_q_encoded(encoded, character);
+    used += cost;
+    i += length;
+  }
   encoded += kWordEnd;
   return encoded;
 }

@@ -111,6 +111,47 @@ TEST(IntakeTest, LargeBase64BodyCrossesReadBlocks) {
   EXPECT_TRUE(mail.body == std::vector<std::string>{text});
 }
 
+std::string rep(const std::string& piece, std::size_t times) {
+  std::string out;
+  while (times-- > 0) out += piece;
+  return out;
+}
+
+// Fields past the kept length (kMaxKeptFieldBody): name, message, sender ("" when none), subject.
+using Long_field_case = std::tuple<const char*, std::string, std::string, std::string>;
+const std::string kX(100000, 'x');
+const Long_field_case kLongFields[] = {
+    {"FromCutKeepsCompleteAddresses",
+     "From: " + rep("<>,", 21000) + "ok@example.com,late" + kX + "@example.com\n\n",
+     "ok@example.com", ""},
+    {"FromCutAddressNotTaken", "From: " + rep("<>,", 21840) + "late" + kX + "@example.com\n\n", "",
+     ""},
+    {"ReplyToCutFallsBackToFrom",
+     "Reply-To: " + rep("g: a@example.com;, ", 4000) + "\nFrom: f@example.com\n\n", "f@example.com",
+     ""},
+    {"SubjectCutAtItsLastBlank",
+     "From: a@example.com\nSubject: " + rep("=?utf-8?q?ab?= ", 5000) + "\n\n", "a@example.com",
+     rep("ab", 4369)},
+    {"SubjectWithoutBlankCutAtTheLength", "From: a@example.com\nSubject:\t" + kX + "\n\n",
+     "a@example.com", std::string(65535, 'x')},
+};
+
+class LongFieldTest : public testing::TestWithParam<Long_field_case> {};
+
+TEST_P(LongFieldTest, KeepsTheBeginning) {
+  const auto& [name, input, sender, subject] = GetParam();
+  const auto [status, mail, err, stored] = take_in(input);
+  EXPECT_EQ(status, sender.empty() ? 1 : 0);
+  EXPECT_EQ(mail.from, sender);
+  EXPECT_EQ(mail.subject, subject);
+  EXPECT_EQ(err, sender.empty() ? "Could not get sender's e-mail address from Reply-To: or From: "
+                                  "headers.\n"
+                                : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(LongFields, LongFieldTest, testing::ValuesIn(kLongFields),
+                         [](const auto& p) { return std::string(std::get<0>(p.param)); });
+
 TEST(IntakeTest, RecipientSplitsAtItsFirstAt) {
   for (const auto& [recipient, halves] : {std::pair{"info", "info info"}, {"a@b@c", "a b@c"}}) {
     const Mail_content mail = std::get<1>(take_in("From: a@example.com\n\nx\n", recipient));
@@ -143,8 +184,9 @@ TEST(SecureEnvironmentTest, PrivilegedStartKeepsOnlyTheRecipient) {
       testing::ExitedWithCode(0), "");
 }
 
-// kOne: ParseMailbox; kReplyTo: GetMailboxFromAddressList; kFrom: GetMailboxFromMailboxList.
-enum Reader { kOne, kReplyTo, kFrom };
+// kOne: ParseMailbox; kReplyTo: GetMailboxFromAddressList; kFrom: GetMailboxFromMailboxList;
+// kFromCut: the latter on the beginning of a longer field body.
+enum Reader { kOne, kReplyTo, kFrom, kFromCut };
 // name, reader, input, local part "@" domain ("" when no mailbox is usable)
 using Address_case = std::tuple<const char*, Reader, std::string, std::string>;
 
@@ -171,6 +213,9 @@ const Address_case kCases[] = {
     {"NulSpoilsOnlyItsAddress", kReplyTo, "a\0b@example.com, c@example.com"s, "c@example.com"},
     {"FromSecondWhenFirstInvalid", kFrom, "<>, b@example.com", "b@example.com"},
     {"FromHasNoGroups", kFrom, "team: a@example.com, b@example.com;", "teama@example.com"},
+    {"CutLastAddressNotTaken", kFromCut, "<>, b@example.com", ""},
+    {"CutAfterComma", kFromCut, "<>, b@example.com,", "b@example.com"},
+    {"CutInsideQuotedComma", kFromCut, "<>, \"b, c@example.com", ""},
 };
 
 class AddressTest : public testing::TestWithParam<Address_case> {};
@@ -179,7 +224,7 @@ TEST_P(AddressTest, ChoosesTheMailbox) {
   const auto& [name, reader, input, expected] = GetParam();
   const auto mailbox = reader == kOne       ? ParseMailbox(input)
                        : reader == kReplyTo ? GetMailboxFromAddressList(input)
-                                            : GetMailboxFromMailboxList(input);
+                                            : GetMailboxFromMailboxList(input, reader == kFromCut);
   EXPECT_EQ(mailbox ? mailbox->local_part + "@" + mailbox->domain : "", expected);
 }
 
