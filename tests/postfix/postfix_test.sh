@@ -143,6 +143,8 @@ chown -R nobody:"$nobody_gid" "$work/mail"
 sed "s|/usr/sbin/autoresponder|$work/sbin/autoresponder|" "$packaging/postfix/master.cf" \
   >"$work/autoresponder.master.cf"
 cp "$packaging/postfix/autoresponder_transport" "$packaging/postfix/autoresponder_virtual" "$conf/"
+# An address routed to the program that no panel mailbox has.
+printf 'nobox@example.com       nobox=example.com@autoresponder.invalid\n' >>"$conf/autoresponder_virtual"
 cat >"$conf/vmailbox" <<'EOF2'
 info@example.com        example.com/info
 sender@client.test      client.test/sender
@@ -222,6 +224,8 @@ else:
 s.sendmail("sender@client.test", ["info@example.com"],
            b"From: Sender <sender@client.test>\nTo: info@example.com\n"
            b"Subject: opening hours\n\nAre you open on Saturday?\n")
+s.sendmail("sender@client.test", ["nobox@example.com"],
+           b"From: sender@client.test\nTo: nobox@example.com\nSubject: hello\n\nHello.\n")
 s.quit()
 PY
 
@@ -237,4 +241,12 @@ grep -q 'Are you open on Saturday' "$work/mail/example.com/info" ||
   fail "the message was not delivered into the mailbox too"
 grep -q 'relay=autoresponder, .*status=sent (delivered via autoresponder service)' "$work/maillog" ||
   fail "the pipe transport's delivery is not logged as sent"
+# The program's report reaches the log with the original recipient, which is
+# what RESP_RECIPIENT carried.
+for _ in $(seq 100); do
+  grep -q 'orig_to=<nobox@example.com>, relay=autoresponder, .*status=sent (delivered via autoresponder service (autoresponder: Mailname not found: nobox@example.com))' "$work/maillog" && break
+  sleep 0.2
+done
+grep -q 'Mailname not found: nobox@example.com' "$work/maillog" ||
+  fail "the program's report for an address without a mailbox is not in the log"
 echo "postfix_test: reply delivered to sender@client.test through the pipe transport and sendmail"
