@@ -18,7 +18,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 
 # The README shows these very statements.
 while IFS= read -r line; do
-  grep -qxF "    $line" "$readme" || { echo "least_privilege_test: README lacks: $line" >&2; exit 1; }
+  sed 's/^ *//' "$readme" | grep -qxF "$line" || { echo "least_privilege_test: README lacks: $line" >&2; exit 1; }
 done <"$grants"
 
 restore() {
