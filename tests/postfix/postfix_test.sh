@@ -50,7 +50,7 @@ nobody_gid=$(id -g nobody)
 # The README shows exactly the lines this instance uses.
 for f in master.cf main.cf autoresponder_transport autoresponder_virtual; do
   while IFS= read -r line; do
-    sed "s/^ *//" "$readme" | grep -qxF "${line#"${line%%[! ]*}"}" || fail "README does not show the line of $f: $line"
+    sed "s/^ *//" "$readme" | grep -xF "${line#"${line%%[! ]*}"}" >/dev/null || fail "README does not show the line of $f: $line"
   done <"$packaging/postfix/$f"
 done
 
