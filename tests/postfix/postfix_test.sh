@@ -2,7 +2,9 @@
 # A private Postfix hands a message received by SMTP to the relocated
 # program through the pipe transport of packaging/postfix/ (the lines the
 # README shows), and the program's reply comes back through Postfix's own
-# sendmail into a local mailbox.
+# sendmail into a local mailbox. Then the README's qmail line
+# (packaging/qmail/dot-qmail) runs the program the way qmail-local would, and
+# that reply arrives too.
 #
 #   postfix_test.sh <sandbox root> <program> <test database dir> <packaging dir> <README>
 #
@@ -47,11 +49,12 @@ dbsock=$(cat "$testdb/socket")
 nobody_uid=$(id -u nobody)
 nobody_gid=$(id -g nobody)
 
-# The README shows exactly the lines this instance uses.
-for f in master.cf main.cf autoresponder_transport autoresponder_virtual; do
+# The README shows exactly the lines this instance uses, and the qmail line.
+for f in postfix/master.cf postfix/main.cf postfix/autoresponder_transport \
+  postfix/autoresponder_virtual qmail/dot-qmail; do
   while IFS= read -r line; do
     sed "s/^ *//" "$readme" | grep -xF "${line#"${line%%[! ]*}"}" >/dev/null || fail "README does not show the line of $f: $line"
-  done <"$packaging/postfix/$f"
+  done <"$packaging/$f"
 done
 
 work=$(mktemp -d /tmp/ovk-postfix.XXXXXX)
@@ -89,7 +92,7 @@ cleanup() {
   local f
   for f in "${created_in_sandbox[@]}"; do rm -rf "$f"; done
   mariadb --no-defaults --socket="$dbsock" -uroot ovk -e \
-    "DELETE FROM resp_freq; DELETE FROM mail_resp; DELETE FROM mail; DELETE FROM domains; DELETE FROM clients; DELETE FROM misc;" \
+    "DELETE FROM resp_freq; DELETE FROM mail_resp; DELETE FROM mail; DELETE FROM mail_aliases; DELETE FROM domains; DELETE FROM clients; DELETE FROM misc;" \
     >/dev/null 2>&1 || true
   exit "$status"
 }
@@ -131,6 +134,7 @@ INSERT INTO misc (param, val) VALUES ('mysql41_compatible', 'true');
 INSERT INTO clients (id, email, pname, login) VALUES (1, 'owner@example.com', 'Owner', 'owner');
 INSERT INTO domains (id, name, cl_id) VALUES (1, 'example.com', 1);
 INSERT INTO mail (id, mail_name, dom_id) VALUES (1, 'info', 1);
+INSERT INTO mail_aliases (mn_id, alias) VALUES (1, 'sales');
 INSERT INTO mail_resp (id, mn_id, text, resp_on, ans_freq) VALUES
   (1, 1, 'Closed until Monday.', 'true', '5');
 SQL
@@ -249,4 +253,26 @@ for _ in $(seq 100); do
 done
 grep -q 'Mailname not found: nobox@example.com' "$work/maillog" ||
   fail "the program's report for an address without a mailbox is not in the log"
+# The qmail line, run as qmail-local runs it: by /bin/sh, as the mailbox's
+# delivery user (here nobody), with EXT and HOST of the address (here the
+# mail alias sales@example.com). The reply goes out through the same
+# sendmail.
+qmail_line=$(sed "s|/usr/sbin/autoresponder|$work/sbin/autoresponder|" "$packaging/qmail/dot-qmail")
+printf 'From: sender@client.test\nTo: sales@example.com\nSubject: by qmail\n\nHello.\n' |
+  unshare --mount --propagation private /bin/sh -c '
+    set -e
+    mount -t tmpfs -o mode=755 ovk-postfix-test /run
+    mkdir /run/mysqld
+    ln -s "$1" /run/mysqld/mysqld.sock
+    cd /
+    exec setpriv --reuid=nobody --regid="$2" --clear-groups \
+      env -i PATH=/usr/bin:/bin EXT=sales HOST=example.com /bin/sh -c "$3"' \
+    sh "$dbsock" "$nobody_gid" "${qmail_line#|}" >"$work/qmail.out" 2>&1 ||
+  { cat "$work/qmail.out" >&2; fail "the qmail line failed"; }
+for _ in $(seq 150); do
+  grep -q '^Subject: Re: by qmail$' "$reply" && break
+  sleep 0.2
+done
+grep -q '^Subject: Re: by qmail$' "$reply" ||
+  { cat "$work/qmail.out" >&2; fail "no reply to the message run through the qmail line"; }
 echo "postfix_test: reply delivered to sender@client.test through the pipe transport and sendmail"
