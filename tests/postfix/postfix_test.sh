@@ -53,7 +53,8 @@ nobody_gid=$(id -g nobody)
 for f in postfix/master.cf postfix/main.cf postfix/autoresponder_transport \
   postfix/autoresponder_virtual qmail/dot-qmail; do
   while IFS= read -r line; do
-    sed "s/^ *//" "$readme" | grep -xF "${line#"${line%%[! ]*}"}" >/dev/null || fail "README does not show the line of $f: $line"
+    sed "s/^ *//" "$readme" | grep -xF "${line#"${line%%[! ]*}"}" >/dev/null ||
+      fail "README does not show the line of $f: $line"
   done <"$packaging/$f"
 done
 
@@ -113,8 +114,8 @@ done
 for f in etc/ovk/.ovk.shadow etc/ovk/ovk.conf usr/sbin/sendmail; do
   created_in_sandbox+=("$sandbox/$f")
 done
-password=$(mariadb --no-defaults --socket="$dbsock" -uroot -N -e "SELECT 1" >/dev/null && echo ok)
-[ "$password" = ok ] || fail "cannot reach the test database through $dbsock"
+mariadb --no-defaults --socket="$dbsock" -uroot -e "SELECT 1" >/dev/null ||
+  fail "cannot reach the test database through $dbsock"
 printf '%s\n' "$OVK_TESTDB_PASSWORD" >"$sandbox/etc/ovk/.ovk.shadow"
 chmod 600 "$sandbox/etc/ovk/.ovk.shadow"
 printf 'ORVIK_MAILNAMES_D %s\n' "$sandbox/var/qmail/mailnames" >"$sandbox/etc/ovk/ovk.conf"
