@@ -10,6 +10,7 @@ packages=(
   libgmime-3.0-dev libidn-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  postfix lintian
   python3
 )
 
@@ -30,6 +31,11 @@ if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# Postfix is installed for a test that runs a private instance of it; the
+# machine's own instance stays unconfigured (no main.cf) and is not started.
+if [[ " ${missing[*]} " == *" postfix "* ]]; then
+  echo "postfix postfix/main_mailer_type select No configuration" | $SUDO debconf-set-selections
+fi
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 echo "setup: done"

@@ -17,7 +17,9 @@
 #
 # Root reaches the server over the socket without a password; the panel's
 # administrative user 'admin'@'localhost' gets <admin password> and every
-# privilege on ovk.* and nothing else.
+# privilege on ovk.* and nothing else; or, when OVK_TESTDB_GRANTS names a
+# file of GRANT statements (packaging/grants.sql: what the README tells
+# operators), exactly those.
 set -eu
 
 if [ $# -ne 3 ]; then
@@ -88,9 +90,13 @@ DROP USER IF EXISTS ''@'$(hostname)';
 DROP DATABASE IF EXISTS ovk;
 CREATE DATABASE ovk CHARACTER SET utf8mb4 COLLATE utf8mb4_general_ci;
 CREATE OR REPLACE USER 'admin'@'localhost' IDENTIFIED BY '$password';
-GRANT ALL PRIVILEGES ON ovk.* TO 'admin'@'localhost';
-FLUSH PRIVILEGES;
 EOF
 client ovk <"$schema"
+if [ -n "${OVK_TESTDB_GRANTS:-}" ]; then
+  client <"$OVK_TESTDB_GRANTS"
+else
+  client -e "GRANT ALL PRIVILEGES ON ovk.* TO 'admin'@'localhost'"
+fi
+client -e "FLUSH PRIVILEGES"
 
 echo "start_db: server up on $sock"

@@ -1,0 +1,10 @@
+GRANT SELECT ON ovk.mail TO 'admin'@'localhost';
+GRANT SELECT ON ovk.domains TO 'admin'@'localhost';
+GRANT SELECT ON ovk.mail_aliases TO 'admin'@'localhost';
+GRANT SELECT ON ovk.domainaliases TO 'admin'@'localhost';
+GRANT SELECT ON ovk.mail_resp TO 'admin'@'localhost';
+GRANT SELECT ON ovk.resp_forward TO 'admin'@'localhost';
+GRANT SELECT ON ovk.resp_attach TO 'admin'@'localhost';
+GRANT SELECT ON ovk.clients TO 'admin'@'localhost';
+GRANT SELECT ON ovk.misc TO 'admin'@'localhost';
+GRANT SELECT, INSERT, UPDATE, DELETE ON ovk.resp_freq TO 'admin'@'localhost';
