@@ -27,6 +27,7 @@ std::string a_run(int n) {
 const Fn Dec = [](const std::string& s) { return orvik::rfc1522::decode(s); };
 const Fn Enc = [](const std::string& s) { return orvik::rfc1522::encode(s); };
 const Fn B64 = [](const std::string& s) { return orvik::base64_decode(s); };
+const Fn Field = [](const std::string& s) { return orvik::rfc1522::encode_field_body(s, 9); };
 const Fn Idn = [](const std::string& s) { return orvik::idn::toAscii(s); };
 const Fn L1 = [](const std::string& s) { return iconvRecode(s, "ISO-8859-1", "utf-8", true); };
 const Fn ToL1 = [](const std::string& s) { return iconvRecode(s, "utf-8", "ISO-8859-1", true); };
@@ -36,6 +37,11 @@ const Fn NoSuch = [](const std::string& s) { return iconvRecode(s, "x-none", "ut
 
 const std::string kWrong = "wrong rfc1522 sequence ";
 const std::string kHex = "Bad hex in quoted-printable string: ";
+const std::string kBadB64 = "Bad base64 symbol: !\n";
+// Words of the folded form: `data` as one Q-encoded word.
+std::string W(const std::string& data) {
+  return "=?utf-8?Q?" + data + "?=";
+}
 
 const Case kCases[] = {
     {"DecodeAdjacentWordsJoin", Dec, "=?utf-8?Q?a_b?= \t =?utf-8?B?Yw==?=", "a bc"},
@@ -56,6 +62,18 @@ const Case kCases[] = {
     {"DecodeQBadHexAtEnd", Dec, "=?utf-8?Q?=Z?=", "\0"s, kHex + "Z\n"},
     {"DecodeUnknownCharset", Dec, "=?x-none?Q?a?=", "!Cannot convert from x-none to utf-8"},
     {"DecodeTruncatedCharacter", Dec, "=?utf-8?Q?a=C3?=", "!Conversion from utf-8 to utf-8"},
+    // Reports of one field: the first kMaxReportsPerField, then their number.
+    {"DecodeReportsOfAFieldBounded", Dec, "=?utf-8?B?" + repeat("!", 12) + "?=", "\0\0\0"s,
+     repeat(kBadB64, 10) + kWrong.substr(0, 22) + ": 2 more reports left out\n"},
+    {"DecodeReportsAtTheBound", Dec, "=?utf-8?B?" + repeat("!", 10) + "?=", "\0\0\0"s,
+     repeat(kBadB64, 10)},
+    {"DecodeLongWordShownCut", Dec, "=?" + a_run(300), "=?" + a_run(300),
+     kWrong + "(no charset): =?" + a_run(254) + "...\n"},
+    {"FieldShortKeptAsIs", Field, repeat("é", 449), W(repeat("=C3=A9", 449))},
+    {"FieldLongThatFitsKept", Field, a_run(989), a_run(989)},
+    {"FieldLongFolded", Field, a_run(990), repeat(W(a_run(63)) + "\n ", 15) + W(a_run(45))},
+    {"FieldCharactersNotSplit", Field, "x" + repeat("é", 500),
+     W("x" + repeat("=C3=A9", 10)) + repeat("\n " + W(repeat("=C3=A9", 10)), 49)},
     // The examples of the encoded-word standard where our blank rules agree with it.
     {"Rfc2047TwoBlanks", Dec, "=?ISO-8859-1?Q?a?=  =?ISO-8859-1?Q?b?=", "ab"},
     {"Rfc2047SpaceInWord", Dec, "=?ISO-8859-1?Q?a?= =?ISO-8859-2?Q?_b?=", "a b"},
@@ -90,6 +108,22 @@ const Case kCases[] = {
 
 class TextEncoding : public text_case::TextCaseTest {};
 TEXT_CASE_TESTS(TextEncoding, kCases);
+
+// Long texts: every line within the bound, the text back after unfolding.
+TEST(Rfc1522, FieldBodyLinesBounded) {
+  for (const std::string& text : {repeat("a\xC3\xA9 ", 300), repeat("\xF0\x9F\x98\x80", 250),
+                                  repeat("=", 400) + a_run(600)}) {
+    std::string body = "Subject: " + orvik::rfc1522::encode_field_body(text, 9);
+    std::size_t line_start = 0;
+    for (std::size_t lf = body.find('\n'); lf != std::string::npos; lf = body.find('\n', lf + 1)) {
+      EXPECT_LE(lf - line_start, orvik::rfc1522::kMaxLineOctets);
+      line_start = lf + 1;
+    }
+    EXPECT_LE(body.size() - line_start, orvik::rfc1522::kMaxLineOctets);
+    std::erase(body, '\n');
+    EXPECT_EQ(orvik::rfc1522::decode(body.substr(9)), text);
+  }
+}
 
 TEST(Rfc1522, EscapeSet) {
   const std::string escaped = "!\"()*+-/=?_";
