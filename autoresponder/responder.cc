@@ -42,11 +42,7 @@ int db_mail_act(Mail_content* mail) {
   }
   // No connection exists yet, hence the connection-less form. This client
   // library escapes by its default character set, which is set up only by
-  // the library's initialisation (otherwise first done by mysql_init).
-  if (mysql_library_init(0, nullptr, nullptr) != 0) {
-    std::cerr << "autoresponder: Unable to initialize the MySQL client library" << std::endl;
-    correct_exit();
-  }
+  // the library's initialisation, done at the program's start.
   mysql_escape_string(esc_domain.get(), mail->to_domain.data(), mail->to_domain.size());
   mysql_escape_string(esc_mailname.get(), mail->to_mailname.data(), mail->to_mailname.size());
 
