@@ -497,7 +497,8 @@ strace_phases() {  # strace_phases FILE: one line "phase microseconds" each
     /clock_nanosleep|nanosleep\(/ { sleep += dur($0) }
     # A statement: a packet with sequence number 0 and the command byte 3.
     $0 ~ "sendto\\([0-9]+, \"" B B B "\\\\0\\\\3" { if (!t_q1) t_q1 = ts($0); sent = ts($0); waiting = 1 }
-    waiting && /recvfrom\(/ && / = [0-9]+ </ { rt += ts($0) + dur($0) - sent; waiting = 0; statements++ }
+    waiting && /recvfrom\(/ && / = [0-9]+ </ {
+      statements++; trip[statements] = ts($0) + dur($0) - sent; rt += trip[statements]; waiting = 0 }
     !t_vfork && /vfork\(/ { t_vfork = ts($0) }
     t_vfork && !t_waited && /wait4 resumed>/ { t_waited = ts($0) }
     /exit_group\(/ { t_exit = ts($0) }
@@ -515,6 +516,7 @@ strace_phases() {  # strace_phases FILE: one line "phase microseconds" each
       printf "cleanup %.0f\n", t_exit - t_waited
       printf "exit %.0f\n", t_end - t_exit
       printf "total %.0f\n", t_end - start
+      for (i = 1; i <= statements; i++) printf "trip%d %.0f\n", i, trip[i]
     }' "$1"
 }
 if [[ -z ${NO_DECOMPOSITION:-} ]] && command -v strace >/dev/null && command -v valgrind >/dev/null; then
@@ -546,7 +548,13 @@ if [[ -z ${NO_DECOMPOSITION:-} ]] && command -v strace >/dev/null && command -v 
     "$work/slow" >"$work/server-times"
   server_total=$(awk -F'\t' '{ s += $2 } END { printf "%d", s }' "$work/server-times")
   server_count=$(wc -l <"$work/server-times")
-  server_rows=$(awk -F'\t' '{ printf "| `%s` | %d µs |\n", $1, $2 }' "$work/server-times")
+  server_rows=$(
+    k=0
+    while IFS=$'\t' read -r statement server; do
+      k=$((k + 1))
+      printf '| `%s` | %s µs | %s µs |\n' "$statement" "$server" "$(phase "trip$k")"
+    done <"$work/server-times"
+  )
 
   # One round trip on the local socket: the floor with 1000 statements "DO 0"
   # against the floor with none, interleaved.
@@ -614,10 +622,13 @@ configuration file, of the password file, the first statement, the
 | exit: handlers, teardown, reaped | $(ms_of exit) ms | $(kinstr "$cg_exit") |
 | whole run | $(ms_of total) ms | $(kinstr "$cg_total") |
 
-The server's own time per statement (medians, µs; $server_count statements, $server_total µs together):
+The server's own time per statement (medians, µs; $server_count statements, $server_total µs together),
+beside the statement's round trip under strace (from its send to the end of
+the read that completes its answer, medians; the tracer stops the program at
+both ends, so these are longer than plain round trips, see below):
 
-| Statement | Server time |
-|---|---|
+| Statement | Server time | Round trip under strace |
+|---|---|---|
 $server_rows
 
 One round trip on the local socket (a statement \`DO 0\` sent and its
