@@ -88,12 +88,13 @@ void run_autoresponder(int /*argc*/, char** argv) {
   open_standard_descriptors();
   // Before any library can read the environment.
   drop_privileged_environment(getauxval(AT_SECURE) != 0);
-  // Process-wide set-up, once, before the stages that rely on it.
-  survive_broken_pipes();
+  // Process-wide set-up, once, before the stages that rely on it. The
+  // client library's set-up ignores SIGPIPE; the handler replaces that.
   if (db_library_init() != 0) {
     std::cerr << "autoresponder: Unable to initialize the MySQL client library" << std::endl;
     correct_exit();
   }
+  survive_broken_pipes();
   autoprepend();
   // Lives until exit(): the responder keeps pointers into it.
   Mail_content mail;
