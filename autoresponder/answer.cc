@@ -10,39 +10,16 @@
 // over and exhausted memory through the message log with status 1.
 #include "autoresponder/answer.h"
 
-#include <signal.h>
-
 #include <cstdint>
+#include <utility>
 
 #include "autoresponder/attachments.h"
 #include "autoresponder/composition.h"
 #include "autoresponder/delivery.h"
 #include "autoresponder/forwarding.h"
 
-namespace {
-
-void ignore_write_signal(int) {}
-
-// A sendmail that exits before reading all its input must not kill the run:
-// a write into its pipe then fails with EPIPE and the stream goes bad. A
-// handler that does nothing, rather than SIG_IGN, because an ignored signal
-// stays ignored across execv and the sendmail children must get the default.
-void survive_broken_pipes() {
-  static const bool installed = [] {
-    struct sigaction action = {};
-    action.sa_handler = ignore_write_signal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    return sigaction(SIGPIPE, &action, nullptr) == 0;
-  }();
-  (void)installed;
-}
-
-}  // namespace
-
 void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref& mailbox,
                  const char* esc_domain, const Resp_rule& rule) {
-  survive_broken_pipes();
   forward_incoming(connection, rule.id, mail);
 
   const std::string resp_boundary = makeBoundaryStr();

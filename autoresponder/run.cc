@@ -1,7 +1,8 @@
 // The program's run: entry, loop guards and clean-up.
 //
-// Prepares the process (message-log name, privileged-start hardening, panel
-// configuration, superuser ids), has the message taken in, refuses messages
+// Prepares the process (message-log name, privileged-start hardening, the
+// broken-pipe handler and the database client library, panel configuration,
+// superuser ids), has the message taken in, refuses messages
 // that would start a mail loop, hands the rest to the responder and removes
 // the temporary files. Every path through here ends with exit status 0; only
 // the responder's answer stages end the process with status 1 themselves.
@@ -15,6 +16,7 @@
 // temporary file is left behind.
 #include "autoresponder/run.h"
 
+#include <signal.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 
@@ -28,12 +30,27 @@
 #include "autoresponder/responder.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/autoprepend.h"
+#include "lib/dbconnect.h"
 #include "lib/paths.h"
 #include "lib/put.h"
 
 namespace {
 
 constexpr const char* kDaemonNames[] = {"MAILER-DAEMON", "mailer-daemon", "DrWEB-DAEMON"};
+
+void ignore_write_signal(int) {}
+
+// A sendmail that exits before reading all its input must not kill the run:
+// a write into its pipe then fails with EPIPE and the stream goes bad. A
+// handler that does nothing, rather than SIG_IGN, because an ignored signal
+// stays ignored across execv and the sendmail children must get the default.
+void survive_broken_pipes() {
+  struct sigaction action = {};
+  action.sa_handler = ignore_write_signal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  (void)sigaction(SIGPIPE, &action, nullptr);
+}
 
 // Intake, loop guards and responder; returns when the run is over.
 void take_in_and_answer(Mail_content& mail) {
@@ -73,6 +90,13 @@ void run_autoresponder(int /*argc*/, char** argv) {
   open_standard_descriptors();
   // Before any library can read the environment.
   harden_privileged_start(getauxval(AT_SECURE) != 0);
+  // Process-wide set-up, once, before the stages that rely on it. The
+  // client library's set-up ignores SIGPIPE; the handler replaces that.
+  if (db_library_init() != 0) {
+    std::cerr << "autoresponder: Unable to initialize the MySQL client library" << std::endl;
+    correct_exit();
+  }
+  survive_broken_pipes();
   autoprepend();
   // Lives until exit(): the responder keeps pointers into it.
   Mail_content mail;

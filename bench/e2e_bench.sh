@@ -13,7 +13,20 @@
 #       (b) and (c) have floors made the same way: the statements of (b)
 #       with five sendmail starts; the floor of (a) 500 times, 4 at a time,
 #       each with its own sender's statements.
+#   peers, in the loop of (a): vacation(1) (Debian's package, installed here
+#       when missing), answering the same message with its own database in a
+#       temporary home; bench/minimal_responder (reads the message, starts
+#       one sendmail, waits); /bin/true. vacation(1) calls the machine's
+#       /usr/sbin/sendmail, so that loop runs in a private mount namespace in
+#       which the sandbox's sendmail and a passwd file naming the temporary
+#       home are mounted over /usr/sbin/sendmail and /etc/passwd.
+#   the cuts of the client library's set-up (lib/dbconnect.cc), undone:
+#       bench/library_init_before.cc.
+#   the decomposition of one run of (a) by phase: strace -T, callgrind and
+#       the server's own timing (its slow log with long_query_time=0).
 # Goal: (a) within 1.15 times its floor. Exits 1 when it is missed.
+# Absolute times depend on the other work on the machine; the ratios, taken
+# in one interleaved loop, and the instruction counts are what to compare.
 #
 # Everything runs against a private MariaDB server (tests/db/start_db.sh)
 # in the build directory and a sandbox whose sendmail is bench_sendmail, in
@@ -22,7 +35,8 @@
 # Usage: bench/e2e_bench.sh [BUILD_DIR]   (default build/bench-e2e)
 # Environment: ROUNDS (default 300) runs of each contestant for (a), (b) and
 # the start-up table; BATCHES (default 5) rounds of 500 for (c);
-# NO_CALLGRIND=1 skips the instruction counts; KEEP_DB=1 leaves the
+# NO_CALLGRIND=1 skips the instruction counts; NO_DECOMPOSITION=1 the
+# decomposition; KEEP_DB=1 leaves the
 # database server running at the end (stop it with tests/db/stop_db.sh
 # BUILD_DIR/benchdb); OUTPUT (default
 # BENCHMARKS.md in the source tree) is the report written.
@@ -53,9 +67,10 @@ say "building (Release, OVK_STATIC_LINK=ON) in $build"
 cmake -S "$top" -B "$build" -DROOT_PREFIX="$root" -DCMAKE_BUILD_TYPE=Release \
   -DOVK_BUILD_TESTS=OFF -DOVK_BUILD_BENCH=ON -DOVK_SANITIZE=OFF -DOVK_STATIC_LINK=ON >/dev/null
 variants=(autoresponder_dynamic floor_dynamic autoresponder_static_libs floor_static_libs
-  autoresponder_bind_now autoresponder_no_pie autoresponder_openssl_preinit floor_openssl_preinit
-  autoresponder_before)
+  autoresponder_bind_now autoresponder_no_pie autoresponder_uncut floor_uncut autoresponder_port_cut
+  autoresponder_relr floor_relr autoresponder_no_connect_sleep floor_no_connect_sleep autoresponder_before)
 cmake --build "$build" -j2 --target autoresponder floor_main run_many bench_sendmail truncation_cost \
+  minimal_responder \
   "${variants[@]}" >/dev/null
 bin=$build/bench
 program=$build/autoresponder/autoresponder
@@ -150,6 +165,9 @@ Bench Sender
 EOF
 }
 message sender@example.org "$work/a.eml"
+# vacation(1) takes the sender from Return-Path (or a "From " line), which the
+# mail system adds on delivery; the rest of its message is (a)'s.
+{ printf 'Return-Path: <sender@example.org>\n'; cat "$work/a.eml"; } >"$work/a-vacation.eml"
 mkdir -p "$work/c"
 inputs_c=()
 for ((s = 1; s <= senders; s++)); do
@@ -160,6 +178,47 @@ done
 
 runs_out=$work/runs.out
 : >"$runs_out"
+
+# ---------------------------------------------------------- vacation(1)
+# The peer and the tools of the decomposition, from Debian, when missing.
+tools=()
+for tool in vacation strace valgrind; do command -v "$tool" >/dev/null || tools+=("$tool"); done
+if ((${#tools[@]} > 0)); then
+  say "installing ${tools[*]} (Debian packages)"
+  apt-get install -y "${tools[@]}" >/dev/null 2>&1 ||
+    { apt-get update >/dev/null && apt-get install -y "${tools[@]}" >/dev/null; } ||
+    fail "cannot install ${tools[*]}"
+fi
+# Its home, the home of root and of the login "info" in the namespace, is a
+# file system in memory: vacation(1) syncs its database to the disk three
+# times a run (fdatasync), while the private server of the benchmark, like
+# the tests', does not flush its log at a commit. The contestant vacation_disk
+# keeps its database on the disk (beside the server's), with the syncs.
+vacation_home=$work/vacation-home
+mkdir -p "$vacation_home"
+printf 'root:x:0:0:root:%s:/bin/sh\ninfo:x:0:0:info:%s:/bin/sh\n' "$vacation_home" \
+  "$vacation_home" >"$work/passwd"
+printf 'From: info@example.com\nSubject: Re: $SUBJECT\nPrecedence: bulk\n\n%b\n' "$rule_text" \
+  >"$work/vacation.msg"
+# Runs a command with the sandbox's sendmail at /usr/sbin/sendmail and the
+# home in memory set up (the reply, the database answering every message:
+# interval 0, like the rules' limit far above what a run reaches), for this
+# command and its children only; the database on the disk is made once.
+in_peer_namespace() {
+  (cd "$vacation_home" && unshare -m --propagation private sh -c 'set -e
+    mount --bind "$1" /usr/sbin/sendmail
+    mount --bind "$2" /etc/passwd
+    mount -t tmpfs -o size=16m,mode=0700 ovk-bench "$3"
+    cd "$3"
+    cp "$4" .vacation.msg
+    vacation -i -r 0
+    [ -e "$5" ] || vacation -i -r 0 -f "$5"
+    shift 5
+    exec "$@"' sh "$root/usr/sbin/sendmail" "$work/passwd" "$vacation_home" "$work/vacation.msg" \
+    "$work/vacation-disk.db" "$@")
+}
+vacation_args=(/usr/bin/vacation -a info@example.com info)
+vacation_disk_args=(/usr/bin/vacation -a info@example.com -f "$work/vacation-disk.db" info)
 check_quiet() {  # the runs wrote nothing: no failure was reported
   if [[ -s $runs_out ]]; then
     say "the measured runs reported:"
@@ -271,22 +330,39 @@ a_contestants=(
   floor_static_libs "$bin/floor_static_libs"
   a_bind_now "$bin/autoresponder_bind_now"
   a_no_pie "$bin/autoresponder_no_pie"
-  a_openssl_preinit "$bin/autoresponder_openssl_preinit"
-  floor_openssl_preinit "$bin/floor_openssl_preinit"
   a_before "$bin/autoresponder_before"
+  a_uncut "$bin/autoresponder_uncut"
+  floor_uncut "$bin/floor_uncut"
+  a_port_cut "$bin/autoresponder_port_cut"
+  a_relr "$bin/autoresponder_relr"
+  floor_relr "$bin/floor_relr"
+  a_no_connect_sleep "$bin/autoresponder_no_connect_sleep"
+  floor_no_connect_sleep "$bin/floor_no_connect_sleep"
+  minimal "$bin/minimal_responder"
+  vacation "${vacation_args[0]}"
+  vacation_disk "${vacation_args[0]}"
+  true /bin/true
 )
 a_args=()
 for ((k = 0; k < ${#a_contestants[@]}; k += 2)); do
   name=${a_contestants[k]}
-  a_args+=(-c "$name" --in "$work/a.eml" -- "${a_contestants[k + 1]}")
+  case $name in
+    vacation) a_args+=(-c "$name" --in "$work/a-vacation.eml" -- "${vacation_args[@]}") ;;
+    vacation_disk) a_args+=(-c "$name" --in "$work/a-vacation.eml" -- "${vacation_disk_args[@]}") ;;
+    minimal) a_args+=(-c "$name" --in "$work/a.eml" -- "${a_contestants[k + 1]}"
+      "$work/reply-a.txt" sender@example.org) ;;
+    *) a_args+=(-c "$name" --in "$work/a.eml" -- "${a_contestants[k + 1]}") ;;
+  esac
   [[ $name == floor_* ]] && a_args+=("$work/a.statements" "$work/reply-a.txt")
   a_args+=(";")
 done
-say "(a) and its floor, with every variant: $rounds rounds"
+say "(a) and its floor, with every variant and the peers: $rounds rounds"
 before=$(sendmail_calls)
-"$run_many" --rounds "$rounds" --warmup 10 --out "$runs_out" "${a_args[@]}" >"$work/a.result"
+in_peer_namespace "$run_many" --rounds "$rounds" --warmup 10 --out "$runs_out" "${a_args[@]}" \
+  >"$work/a.result"
 check_quiet
-expect_calls "$before" $((${#a_contestants[@]} * (rounds + 10) / 2)) "(a) runs"
+# One reply per run, but none from /bin/true.
+expect_calls "$before" $(((${#a_contestants[@]} / 2 - 1) * (rounds + 10))) "(a) runs"
 
 say "start-up alone (a message without a sender: intake only, no database): $rounds rounds"
 printf '\n' >"$work/no-sender.eml"
@@ -303,7 +379,7 @@ printf '\n' >"$work/no-sender.eml"
 # (b): the program and its floor, as built and with the proposed changes.
 b_contestants=(
   b_static "$program" floor_b "$floor"
-  b_openssl_preinit "$bin/autoresponder_openssl_preinit" floor_b_openssl_preinit "$bin/floor_openssl_preinit"
+  b_uncut "$bin/autoresponder_uncut"
   b_before "$bin/autoresponder_before"
 )
 b_args=()
@@ -338,24 +414,25 @@ say "truncating a fresh file and not truncating it, in the sandbox's tmp: $round
 
 # ------------------------------------------- instruction counts (callgrind)
 declare -A instructions=() loader=() gobject_init=() openssl=() iconv=() intake=() composition=()
+declare -A servname=() library_init=()
 callgrind_variants=(autoresponder autoresponder_dynamic autoresponder_static_libs
-  autoresponder_bind_now autoresponder_no_pie autoresponder_openssl_preinit autoresponder_before
-  floor_main floor_dynamic floor_static_libs floor_openssl_preinit)
+  autoresponder_bind_now autoresponder_no_pie autoresponder_uncut autoresponder_port_cut
+  autoresponder_relr autoresponder_no_connect_sleep autoresponder_before floor_main floor_dynamic floor_static_libs floor_uncut)
+inclusive() {  # inclusive FILE FUNCTION...: the sum of their inclusive counts
+  local file=$1
+  shift
+  callgrind_annotate --inclusive=yes --threshold=100 "$file" 2>/dev/null |
+    awk -v names="$*" '
+      BEGIN { n = split(names, want, " ") }
+      { for (i = 1; i <= n; i++)
+          if ((index($0, ":" want[i] " ") || index($0, ":" want[i] "(")) && !seen[want[i]]++) {
+          gsub(",", "", $1); sum += $1 } }
+      END { printf "%d", sum }'
+}
 # The arrays are read through name references (share, millions below).
 # shellcheck disable=SC2034
 if [[ -z ${NO_CALLGRIND:-} ]] && command -v valgrind >/dev/null; then
   say "instruction counts of one run of (a) per variant (callgrind)"
-  inclusive() {  # inclusive FILE FUNCTION...: the sum of their inclusive counts
-    local file=$1
-    shift
-    callgrind_annotate --inclusive=yes --threshold=100 "$file" 2>/dev/null |
-      awk -v names="$*" '
-        BEGIN { n = split(names, want, " ") }
-        { for (i = 1; i <= n; i++)
-            if ((index($0, ":" want[i] " ") || index($0, ":" want[i] "(")) && !seen[want[i]]++) {
-            gsub(",", "", $1); sum += $1 } }
-        END { printf "%d", sum }'
-  }
   for variant in "${callgrind_variants[@]}"; do
     if [[ $variant == autoresponder ]]; then exe=$program; else exe=$bin/$variant; fi
     args=()
@@ -369,6 +446,8 @@ if [[ -z ${NO_CALLGRIND:-} ]] && command -v valgrind >/dev/null; then
     intake[$variant]=$(inclusive "$out" parse_message)
     composition[$variant]=$(inclusive "$out" create_response_file compose_response)
     openssl[$variant]=$(inclusive "$out" OPENSSL_init_ssl OPENSSL_cleanup)
+    servname[$variant]=$(inclusive "$out" getservbyname)
+    library_init[$variant]=$(inclusive "$out" "db_library_init()")
     iconv[$variant]=$(inclusive "$out" iconv_open)
   done
 fi
@@ -395,6 +474,182 @@ c_cpu=$(cpu c_static "$work/c.result")
 fc_cpu=$(cpu floor_c "$work/c.result")
 ratio_a=$(ratio "$a_wall" "$fa_wall")
 per_message() { awk -v t="$1" -v n="$messages_c" 'BEGIN { printf "%.2f", t / n / 1000 }'; }
+
+# -------------------------------------------- decomposition of one run of (a)
+# Time by phase from strace -f -ttt -T (each system call stamped; the phases
+# run between marker calls), instructions by phase from callgrind, the
+# server's own time per statement from its slow log (long_query_time=0), and
+# the round-trip time of one statement on the local socket from the floor
+# sending 1000 trivial statements against none.
+decompose_runs=${DECOMPOSE_RUNS:-31}
+decomposition=$work/decomposition.md
+median_of() { sort -n | awk '{ v[NR] = $1 } END { if (NR == 0) print 0; else print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }'; }
+strace_phases() {  # strace_phases FILE: one line "phase microseconds" each
+  awk '
+    function ts(line) { split(line, f, " "); return f[2] * 1e6 }
+    function dur(line) { if (match(line, /<[0-9.]+>$/)) return substr(line, RSTART + 1, RLENGTH - 2) * 1e6; return 0 }
+    BEGIN { B = "(\\\\[0-7]+|\\\\[a-z]|[^\\\\\"])" }
+    NR == 1 { main = $1; start = ts($0) }
+    $1 != main { next }
+    !t_main && /fcntl\(0, F_GETFD\)/ { t_main = ts($0) }
+    !t_conf && /openat\(.*ovk\.conf"/ { t_conf = ts($0) }
+    !t_shadow && /openat\(.*\.ovk\.shadow"/ { t_shadow = ts($0) }
+    /clock_nanosleep|nanosleep\(/ { sleep += dur($0) }
+    # A statement: a packet with sequence number 0 and the command byte 3.
+    $0 ~ "sendto\\([0-9]+, \"" B B B "\\\\0\\\\3" { if (!t_q1) t_q1 = ts($0); sent = ts($0); waiting = 1 }
+    waiting && /recvfrom\(/ && / = [0-9]+ </ {
+      statements++; trip[statements] = ts($0) + dur($0) - sent; rt += trip[statements]; waiting = 0 }
+    !t_vfork && /vfork\(/ { t_vfork = ts($0) }
+    t_vfork && !t_waited && /wait4 resumed>/ { t_waited = ts($0) }
+    /exit_group\(/ { t_exit = ts($0) }
+    /\+\+\+ exited/ { t_end = ts($0) }
+    END {
+      printf "start %.0f\n", t_main - start
+      printf "setup %.0f\n", t_conf - t_main
+      printf "intake %.0f\n", t_shadow - t_conf
+      printf "connect %.0f\n", t_q1 - t_shadow
+      printf "sleep %.0f\n", sleep
+      printf "statements %.0f\n", rt
+      printf "count %d\n", statements
+      printf "between %.0f\n", t_vfork - t_q1 - rt
+      printf "sendmail %.0f\n", t_waited - t_vfork
+      printf "cleanup %.0f\n", t_exit - t_waited
+      printf "exit %.0f\n", t_end - t_exit
+      printf "total %.0f\n", t_end - start
+      for (i = 1; i <= statements; i++) printf "trip%d %.0f\n", i, trip[i]
+    }' "$1"
+}
+if [[ -z ${NO_DECOMPOSITION:-} ]] && command -v strace >/dev/null && command -v valgrind >/dev/null; then
+  say "decomposition of one run of (a): $decompose_runs runs under strace, the server's slow log, round trips"
+  : >"$work/phases"
+  for ((k = 0; k < decompose_runs; k++)); do
+    strace -f -ttt -T -o "$work/strace.$k" "$program" <"$work/a.eml" >>"$runs_out" 2>&1
+    strace_phases "$work/strace.$k" >>"$work/phases"
+  done
+  check_quiet
+  phase() { awk -v p="$1" '$1 == p { print $2 }' "$work/phases" | median_of; }
+
+  # The server's own time per statement.
+  sql -e "SET GLOBAL log_output = 'TABLE'; SET GLOBAL long_query_time = 0;
+          TRUNCATE TABLE mysql.slow_log; SET GLOBAL slow_query_log = 1;"
+  for ((k = 0; k < decompose_runs; k++)); do run_program "$program" info@example.com "$work/a.eml"; done
+  sql -e "SET GLOBAL slow_query_log = 0; SET GLOBAL long_query_time = 10;"
+  check_quiet
+  # The answer count, which changes from run to run, written as N.
+  sql -e "SELECT REPLACE(LEFT(REGEXP_REPLACE(sql_text, 'num=[0-9]+', 'num=N'), 70), '|', '/'),
+            ROUND(TIME_TO_SEC(query_time) * 1000000)
+          FROM mysql.slow_log WHERE user_host LIKE 'admin[%'" >"$work/slow"
+  # Statement (in the order of a run) and its median server time, µs.
+  awk -F'\t' '!($1 in n) { order[++k] = $1 } { n[$1]++; v[$1, n[$1]] = $2 }
+    END { for (i = 1; i <= k; i++) { s = order[i]; c = n[s]
+            for (a = 1; a <= c; a++) w[a] = v[s, a]
+            for (a = 1; a <= c; a++) for (b = a + 1; b <= c; b++) if (w[b] < w[a]) { t = w[a]; w[a] = w[b]; w[b] = t }
+            printf "%s\t%s\n", s, (c % 2 ? w[(c + 1) / 2] : (w[c / 2] + w[c / 2 + 1]) / 2) } }' \
+    "$work/slow" >"$work/server-times"
+  server_total=$(awk -F'\t' '{ s += $2 } END { printf "%d", s }' "$work/server-times")
+  server_count=$(wc -l <"$work/server-times")
+  server_rows=$(
+    k=0
+    while IFS=$'\t' read -r statement server; do
+      k=$((k + 1))
+      printf '| `%s` | %s µs | %s µs |\n' "$statement" "$server" "$(phase "trip$k")"
+    done <"$work/server-times"
+  )
+
+  # One round trip on the local socket: the floor with 1000 statements "DO 0"
+  # against the floor with none, interleaved.
+  : >"$work/none.statements"
+  for ((k = 0; k < 1000; k++)); do echo "DO 0"; done >"$work/do1000.statements"
+  "$run_many" --rounds 31 --warmup 3 --out "$runs_out" \
+    -c rt_none --in "$work/a.eml" -- "$floor" "$work/none.statements" "$work/reply-a.txt" \; \
+    -c rt_1000 --in "$work/a.eml" -- "$floor" "$work/do1000.statements" "$work/reply-a.txt" \; \
+    >"$work/rt.result"
+  check_quiet
+  round_trip=$(awk -v a="$(wall rt_1000 "$work/rt.result")" -v b="$(wall rt_none "$work/rt.result")" \
+    'BEGIN { printf "%.1f", (a - b) / 1000 }')
+
+  # Instructions by phase (callgrind, one run).
+  cg=$work/callgrind.autoresponder
+  [[ -s $cg ]] || valgrind --tool=callgrind --callgrind-out-file="$cg" "$program" \
+    <"$work/a.eml" >/dev/null 2>"$cg.log"
+  cg_total=$(sed -n 's/^summary: *//p; s/^totals: *//p' "$cg" | head -n 1)
+  cgi() { inclusive "$cg" "$@"; }
+  kinstr() { awk -v n="$1" -v t="$cg_total" 'BEGIN { printf "%.0f k (%.0f %%)", n / 1000, 100 * n / t }'; }
+  cg_loader=$(cgi _dl_start)
+  cg_reloc=$(cgi _dl_relocate_object)
+  cg_libc_start=$(cgi __libc_start_main@@GLIBC_2.34)
+  cg_main=$(cgi main)
+  cg_ctors=$((cg_libc_start - cg_main))
+  cg_libinit=$(cgi "db_library_init()")
+  cg_conf=$(cgi "autoprepend()")
+  cg_intake=$(cgi parse_message)
+  cg_connect=$(cgi mysql_real_connect)
+  cg_queries=$(cgi mysql_real_query mysql_store_result)
+  cg_compose=$(cgi create_response_file compose_response)
+  cg_deliver=$(cgi deliver_response)
+  cg_exit=$(cgi exit)
+  cg_other=$((cg_main - cg_libinit - cg_conf - cg_intake - cg_connect - cg_queries - cg_compose - cg_deliver - cg_exit))
+  ms_of() { ms "$(phase "$1")"; }
+  minimal_wall=$(wall minimal "$A")
+  statements_count=$(phase count)
+  # The handshake: the server's greeting and the answer to the login.
+  limit=$(awk -v m="$minimal_wall" -v n="$statements_count" -v r="$round_trip" -v s="$server_total" \
+    'BEGIN { printf "%.0f", m + (n + 2) * r + s }')
+  cat >"$decomposition" <<EOF
+## Decomposition of one run of (a)
+
+Time by phase from \`strace -f -ttt -T\` of $decompose_runs runs of (a) (medians;
+every system call stopped by the tracer, so each phase is longer than in a
+plain run: the whole run takes $(ms_of total) ms under strace against
+$(ms "$a_wall") ms without), instructions by phase from callgrind (one run,
+the sendmail child not counted), and the server's own time of each
+statement from its slow log (\`long_query_time=0\`, $decompose_runs runs, medians).
+The phases run between marker calls: the first \`fcntl\` of
+\`open_standard_descriptors()\` (main has begun), the opening of the
+configuration file, of the password file, the first statement, the
+\`vfork\` of the sendmail, the end of its \`wait4\`, \`exit_group\`.
+
+| Phase | Time under strace | Instructions |
+|---|---|---|
+| execve to main: loading, relocation (PIE), C run-time and static constructors (iostreams, locale) | $(ms_of start) ms | $(kinstr "$cg_loader") in the loader, of which $(kinstr "$cg_reloc") relocation; $(kinstr "$cg_ctors") C run-time start and static constructors |
+| process set-up: SIGPIPE handler, client library and OpenSSL set-up (\`db_library_init\`) | $(ms_of setup) ms | $(kinstr "$cg_libinit") |
+| configuration and intake: message stored in its temporary file and parsed | $(ms_of intake) ms | $(kinstr "$((cg_conf + cg_intake))") |
+| connect and authentication: password file, socket, the library's sleep after \`connect\` ($(ms_of sleep) ms), greeting and login | $(ms_of connect) ms | $(kinstr "$cg_connect") |
+| the $statements_count statements, from each send to its whole answer (client, socket, server) | $(ms_of statements) ms | $(kinstr "$cg_queries") in the client library |
+| the program's work between statements: rules, response file created and composed | $(ms_of between) ms | $(kinstr "$cg_compose") composing; $(kinstr "$cg_other") the rest of main |
+| sendmail: started (vfork, execve), fed, waited for | $(ms_of sendmail) ms | $(kinstr "$cg_deliver") (the child not counted) |
+| clean-up: files removed, connection closed | $(ms_of cleanup) ms | |
+| exit: handlers, teardown, reaped | $(ms_of exit) ms | $(kinstr "$cg_exit") |
+| whole run | $(ms_of total) ms | $(kinstr "$cg_total") |
+
+The server's own time per statement (medians, µs; $server_count statements, $server_total µs together),
+beside the statement's round trip under strace (from its send to the end of
+the read that completes its answer, medians; the tracer stops the program at
+both ends, so these are longer than plain round trips, see below):
+
+| Statement | Server time | Round trip under strace |
+|---|---|---|
+$server_rows
+
+One round trip on the local socket (a statement \`DO 0\` sent and its
+answer read, by the floor, 1000 against none, 31 interleaved rounds):
+**$round_trip µs**.
+
+## The physical limit
+
+What a run of (a) cannot avoid on this machine: the minimal responder (start
+a process, read the message, start one sendmail, wait), plus the round trips
+of the $statements_count statements and of the login's two (greeting, answer) at $round_trip µs
+each, plus the server's own time for the statements:
+$(ms "$minimal_wall") ms + $((statements_count + 2)) × $round_trip µs + $(ms "$server_total") ms =
+**$(ms "$limit") ms**. It is $(ratio "$limit" "$(wall vacation "$A")") times vacation(1) of the same loop; the
+program is $(ratio "$a_wall" "$limit") times the limit, its floor $(ratio "$fa_wall" "$limit") times. What
+lies between the floor and the limit is the cost of a program that links the
+client library at all: its image (relocated at every start, since the
+program stays position independent), its set-up, the connect.
+EOF
+fi
+
 
 millions() {  # millions VARIANT ARRAY-NAME
   local -n values=$2
@@ -431,7 +686,7 @@ distance_row() {  # distance_row LABEL ARRAY-NAME: program, floor, difference, i
 }
 setup_row() {  # setup_row LABEL ARRAY-NAME
   printf '| %s | %s | %s | %s | %s |\n' "$1" "$(share autoresponder_dynamic "$2")" \
-    "$(share autoresponder "$2")" "$(share floor_main "$2")" "$(share autoresponder_openssl_preinit "$2")"
+    "$(share autoresponder "$2")" "$(share floor_main "$2")" "$(share autoresponder_uncut "$2")"
 }
 
 link_rows=$(
@@ -473,6 +728,7 @@ setup_rows=$(
   setup_row "whole run" instructions
   setup_row "dynamic loader: loading, relocating, binding" loader
   setup_row "OpenSSL set-up by the MariaDB client, and its clean-up at exit" openssl
+  setup_row "the service look-up of the TCP port (getservbyname)" servname
   setup_row "iconv_open (every call)" iconv
 )
 # Sets the caller's a, fa, ac, fac (wall and processor times of (a) and its
@@ -486,17 +742,56 @@ pair_times() {
   b=$(wall "$3" "$work/b.result")
   fb=$(wall "$4" "$work/b.result")
 }
-proposal_row() {  # proposal_row LABEL A FLOOR-A B FLOOR-B
-  local a fa b fb ac fac
-  pair_times "$2" "$3" "$4" "$5"
-  printf '| %s | %s ms | %s ms | %s | %s ms, %s ms, %s | %s ms | %s ms | %s |\n' "$1" \
-    "$(ms "$a")" "$(ms "$fa")" "$(ratio "$a" "$fa")" "$(ms "$ac")" "$(ms "$fac")" \
-    "$(ratio "$ac" "$fac")" "$(ms "$b")" "$(ms "$fb")" "$(ratio "$b" "$fb")"
+# The peers, in the loop of (a): the program's ratio to each.
+peer_row() {  # peer_row LABEL CONTESTANT
+  local w c
+  w=$(wall "$2" "$A")
+  c=$(cpu "$2" "$A")
+  printf '| %s | %s ms | %s ms | %s ms | %s ms | **%s** | %s |\n' "$1" "$(ms "$w")" \
+    "$(ms "$(field "$2" p10 "$A")")" "$(ms "$(field "$2" p90 "$A")")" "$(ms "$c")" \
+    "$(ratio "$a_wall" "$w")" "$(ratio "$a_cpu" "$c")"
 }
-proposal_rows=$(
-  proposal_row "as built" a_static floor_static b_static floor_b
-  proposal_row "OpenSSL set up without its configuration" a_openssl_preinit floor_openssl_preinit \
-    b_openssl_preinit floor_b_openssl_preinit
+peer_rows=$(
+  peer_row "the program (as built)" a_static
+  peer_row "its floor (\`bench/floor_main\`)" floor_static
+  peer_row "vacation(1), its home in memory" vacation
+  peer_row "vacation(1), its database on the disk (three fdatasync a run)" vacation_disk
+  peer_row "minimal responder (\`bench/minimal_responder\`)" minimal
+  peer_row "\`/bin/true\`" true
+)
+# The cuts of the client library's set-up, each step in the loop of (a).
+cut_row() {  # cut_row LABEL CONTESTANT FLOOR-CONTESTANT|- VARIANT
+  local w c to_floor="-"
+  w=$(wall "$2" "$A")
+  c=$(cpu "$2" "$A")
+  [[ $3 == - ]] || to_floor=$(ratio "$w" "$(wall "$3" "$A")")
+  printf '| %s | %s ms | %s ms | %s | %s | **%s** | **%s** | %s | %s |\n' "$1" "$(ms "$w")" \
+    "$(ms "$c")" "$(ratio "$w" "$(wall a_uncut "$A")")" "$to_floor" \
+    "$(ratio "$w" "$(wall vacation "$A")")" "$(ratio "$w" "$(wall minimal "$A")")" \
+    "$(ratio "$w" "$(wall true "$A")")" "$(millions "$4" instructions)"
+}
+instr_of() { printf '%s' "${instructions[$1]:-0}"; }
+# The candidates for the next cuts, against the program as built.
+next_row() {  # next_row LABEL CONTESTANT FLOOR-CONTESTANT VARIANT NOTE
+  local w c
+  w=$(wall "$2" "$A")
+  c=$(cpu "$2" "$A")
+  printf '| %s | %s ms | %s ms | **%s** | %s | %s | %s | %s | %s |\n' "$1" "$(ms "$w")" "$(ms "$c")" \
+    "$(ratio "$w" "$a_wall")" "$(ratio "$c" "$a_cpu")" "$(ratio "$w" "$(wall "$3" "$A")")" \
+    "$(ratio "$w" "$(wall vacation "$A")")" "$(millions "$4" instructions)" "$5"
+}
+next_rows=$(
+  next_row "as built" a_static floor_static autoresponder ""
+  next_row "+ relative relocations packed (\`-Wl,-z,pack-relative-relocs\`, DT_RELR)" a_relr floor_relr \
+    autoresponder_relr "their list $(readelf -S "$bin/autoresponder_relr" | awk '/\.relr\.dyn/ { getline; print strtonum("0x" $1) }') bytes instead of $(readelf -S "$program" | awk '/\.rela\.dyn/ { getline; print strtonum("0x" $1) }'); the image $(stat -c %s "$bin/autoresponder_relr") bytes instead of $(stat -c %s "$program")"
+  next_row "+ no sleep after \`connect\` (\`bench/connect_without_sleep.cc\`)" a_no_connect_sleep \
+    floor_no_connect_sleep autoresponder_no_connect_sleep ""
+)
+cut_rows=$(
+  cut_row "before: the client library's own set-up" a_uncut floor_uncut autoresponder_uncut
+  cut_row "+ the TCP port given before it (no service look-up)" a_port_cut - autoresponder_port_cut
+  cut_row "+ OpenSSL set up without configuration, texts, tables or clean-up: **as built**" \
+    a_static floor_static autoresponder
 )
 round_row() {  # round_row LABEL A FLOOR-A B FLOOR-B VARIANT
   local a fa b fb ac fac exe
@@ -526,6 +821,12 @@ memory=$(awk '/^MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo)
   printf '%-38s %7s ms %7s ms %6s   %s\n' "(a) both linked dynamically" "$(ms "$ad_wall")" \
     "$(ms "$fd_wall")" "$(ratio "$ad_wall" "$fd_wall")" "$(ratio "$ad_cpu" "$fd_cpu")"
   printf 'goal: (a) within %s times its floor\n' "$goal_a"
+  printf '\nsame-run ratios of medians, (a):\n'
+  for peer in vacation vacation_disk minimal true; do
+    printf '  program / %-10s %s   (before the cuts: %s)\n' "$peer" "$(ratio "$a_wall" "$(wall "$peer" "$A")")" \
+      "$(ratio "$(wall a_uncut "$A")" "$(wall "$peer" "$A")")"
+  done
+  printf '  program / before the cuts: %s\n' "$(ratio "$a_wall" "$(wall a_uncut "$A")")"
 } >&2
 
 cat >"$output" <<EOF
@@ -534,7 +835,14 @@ cat >"$output" <<EOF
 The cost of one run of the autoresponder, measured end to end against a
 floor: a program that does only what a run cannot avoid. Written by
 \`bench/e2e_bench.sh\` (ROUNDS=$rounds, BATCHES=$batches), which took ${elapsed} s,
-on $(date -u '+%Y-%m-%d %H:%M UTC').
+on $(date -u '+%Y-%m-%d %H:%M UTC'). To reproduce all of it, as root (it installs
+vacation(1) when missing and mounts in a private namespace):
+\`bash bench/e2e_bench.sh\`; it prints the ratios at its end.
+
+Absolute times on this machine are noisy: other builds and test runs share
+its 2 cores while the benchmark runs. Compare the same-run ratios (medians
+of interleaved rounds, every contestant in the same loop) and the
+instruction counts (callgrind), not the milliseconds across runs.
 
 - Machine: $(nproc) cores, ${cpu_model:-unknown CPU}, ${memory} of memory. Load
   average (1, 5, 15 minutes) before the run, that is other work on the
@@ -602,7 +910,7 @@ $(ms "$fd_wall") ms: **$(ratio "$ad_wall" "$fd_wall")**. Static linking shortens
 floor too, but less, since the floor loads only the MariaDB client (with
 OpenSSL and zlib) and libstdc++.
 
-## The last round of changes
+## The round before: Content-Type parameters
 
 The program as built, against itself with the round undone:
 \`bench/autoresponder_before\` takes the Content-Type parameters from GMime
@@ -700,7 +1008,7 @@ the sendmail child is not counted), by what they set up; "-" where the
 function does not occur or, in a shared library without its local symbols,
 cannot be named:
 
-| | dynamic | static (adopted) | floor, static | static, OpenSSL set up without its configuration |
+| | dynamic | static (adopted) | floor, static | static, before the cuts of this round |
 |---|---|---|---|---|
 $setup_rows
 
@@ -709,25 +1017,86 @@ the C library; a charset that needs a conversion module loads it once.
 In the program before the last round, the dynamic loader took
 $(share autoresponder_before loader) of a run's instructions.
 
-## Changes proposed for other modules
+## Peers
 
-Measured here, not adopted: it changes code this benchmark does not own. It
-is built into both the program and the floor, since both run the code
-concerned; the contestants ran in the loops of (a) and (b) above.
+The responders a user could pick instead, in the loop of (a) (the same
+rounds, the same machine moments): vacation(1), Debian's package, with its
+database (interval 0: every message answered, the sender's time written)
+and its reply in a temporary home, in memory (its three \`fdatasync\` a run
+then cost nothing, as the benchmark's server flushes nothing at a commit;
+this is the figure compared) and, as a second contestant, its database on
+the disk; the minimal responder, which reads the
+message, starts one sendmail with a reply of (a)'s size through a pipe and
+waits; \`/bin/true\`. All hand their replies to the sandbox's sendmail.
+vacation(1) does not wait for its sendmail; \`bench/run_many\` adopts the
+orphan and ends the round when it has ended, so every contestant is measured
+with its reply delivered.
 
-| Change | (a) program | (a) floor | (a) ratio | (a) processor time: program, floor, ratio | (b) program | (b) floor | (b) ratio |
-|---|---|---|---|---|---|---|---|
-$proposal_rows
+Goal of this round: program / vacation(1) at most 1.55; the aim is the
+physical limit (below). Ratios to such short runs depend on what the
+harness adds to every run: \`bench/run_many\` starts each run with
+posix_spawn and waits for it, so \`/bin/true\` takes $(ms "$(wall true "$A")") ms here; a
+harness that adds more to every contestant (a shell, a pipeline, a
+tracer) brings all the ratios closer to 1. On a loaded machine the
+program also suffers most from waiting for the processor, as it hands it
+over at each of its round trips to the server: compare the ratios of the
+processor times beside those of the wall times.
 
-- OpenSSL set up without its configuration (\`bench/openssl_preinit.cc\`;
-  for \`lib/dbconnect\`): the MariaDB client sets OpenSSL up in
-  \`mysql_library_init()\`, reading the system's OpenSSL configuration, loading
-  every error text and registering every cipher and digest, and undoes it all
-  at exit, although the connection runs over a local socket without TLS:
-  $(share autoresponder openssl) of the program's instructions. Setting
-  OpenSSL up first without these parts leaves the client library nothing to
-  do. It saves the same time in the floor, so it lowers the cost of a run
-  and raises the ratio to the floor.
+| Contestant | median | p10 | p90 | processor time | program / it | processor times: program / it |
+|---|---|---|---|---|---|---|
+$peer_rows
+
+## Cuts of this round
+
+The client library's set-up (\`db_library_init()\` in \`lib/dbconnect.cc\`,
+called once at the program's start, and by the floor), measured step by step
+in the loop of (a): \`bench/library_init_before.cc\` undoes the cuts.
+"Program / before" and the peer ratios are ratios of medians of the same
+rounds; the ratio to the floor compares each step with a floor linked and
+set up the same way.
+
+| Step | (a) median | processor time | program / before | program / floor | program / vacation(1) | program / minimal | program / \`/bin/true\` | Instructions (callgrind) |
+|---|---|---|---|---|---|---|---|---|
+$cut_rows
+
+- The TCP port given before the set-up: the client library otherwise looks
+  the service "mysql" up through the name service switch (reading
+  nsswitch.conf and the services file) at every start, for a port that a
+  connection to the local socket never uses
+  ($(share autoresponder_uncut servname) of the instructions before).
+- OpenSSL set up without its configuration file, its error texts and its
+  tables of every cipher and digest, and without its clean-up at exit: the
+  client library asks for all of them, though TLS is never used on the local
+  socket (\`OPENSSL_init_ssl\` and \`OPENSSL_cleanup\`:
+  $(share autoresponder_uncut openssl) of the instructions before). The
+  client library's whole set-up (\`db_library_init\`, the clean-up at exit
+  not counted): $(share autoresponder_uncut library_init) before,
+  $(share autoresponder library_init) now.
+
+The ratio to the floor: both cuts apply to the floor too (it sets the
+client library up as the program does), so they leave the distance between
+the two where it was, $(awk -v p="$(instr_of autoresponder_uncut)" -v f="$(instr_of floor_uncut)" 'BEGIN { printf "%.2f M", (p - f) / 1e6 }') instructions before and
+$(awk -v p="$(instr_of autoresponder)" -v f="$(instr_of floor_main)" 'BEGIN { printf "%.2f M", (p - f) / 1e6 }') now, $(ms "$(( $(cpu a_uncut "$A") - $(cpu floor_uncut "$A") ))") ms of processor time before and
+$(ms "$(( a_cpu - fa_cpu ))") ms now, while the floor itself shrinks: the
+ratio of processor times goes from $(ratio "$(cpu a_uncut "$A")" "$(cpu floor_uncut "$A")") to $(ratio "$a_cpu" "$fa_cpu"). The
+distance is the program's own work (configuration, the message stored and
+parsed, the reply composed, both temporary files), which these cuts do not
+touch.
+
+Candidates for the next cuts, in the same loop, against the program as
+built (each with a floor linked the same way), adopted only when they pay in
+both the program and its floor: the relative relocations packed (DT_RELR,
+glibc 2.36: position independence stays, the list of the some 24,000
+pointers relocated at every start shrinks), and the client library's
+\`usleep(1)\` after every \`connect\` skipped (\`-Wl,--wrap=usleep\`,
+\`bench/connect_without_sleep.cc\`, which would replace a C library
+function for the whole program).
+
+| Step | (a) median | processor time | / as built | processor time / as built | program / its floor | program / vacation(1) | Instructions (callgrind) | Notes |
+|---|---|---|---|---|---|---|---|---|
+$next_rows
+
+$(cat "$work/decomposition.md" 2>/dev/null)
 
 ## Raw output of run_many (microseconds)
 

@@ -86,6 +86,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s STATEMENTS MESSAGE\n", argv[0]);
     return 2;
   }
+  // As the program does at its start.
+  if (db_library_init() != 0) return 1;
   drain_standard_input();
   std::vector<std::string> lines;
   if (!read_lines(argv[1], lines)) {

@@ -9,6 +9,9 @@
 // through the message log and lets the program go on.
 #include "lib/dbconnect.h"
 
+#include <openssl/crypto.h>
+#include <openssl/ssl.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -17,12 +20,32 @@
 #include "lib/mysql_handle.h"
 #include "lib/put.h"
 
+// Public in the client library's archive, not exported by its shared object.
+#pragma weak mysql_port
+
 int _mysql41_compatible = -1;
 
 namespace {
 
 // Large enough for any message of the connection layers.
 constexpr std::size_t kMessageBufferSize = 4097;
+
+// The connection goes to the server's local socket (lib/dbconnect_legacy.cc),
+// so no TCP port is ever used. Given one before its set-up, the client
+// library skips the look-up of its service name through the name service
+// switch (nsswitch.conf, the services file), which every run paid.
+constexpr unsigned int kUnusedTcpPort = 3306;
+
+// OpenSSL as the client library needs it: TLS is never used on the local
+// socket, so neither the system's OpenSSL configuration file, nor the error
+// texts, nor the tables of every cipher and digest are loaded, and nothing is
+// left to undo at exit. OpenSSL does each part of its set-up once per process:
+// the client library's own request for them then finds them done.
+constexpr uint64_t kCryptoInitOptions =
+    OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |
+    OPENSSL_INIT_NO_ADD_ALL_CIPHERS | OPENSSL_INIT_NO_ADD_ALL_DIGESTS | OPENSSL_INIT_NO_ATEXIT;
+constexpr uint64_t kSslInitOptions =
+    OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_SSL_STRINGS | OPENSSL_INIT_NO_ATEXIT;
 
 constexpr std::string_view kForeignKeysOff = "set foreign_key_checks=0";
 constexpr std::string_view kVersionQuery = "SHOW VARIABLES LIKE 'version'";
@@ -53,6 +76,18 @@ bool panel_wants_utf8(MYSQL* connection) {
 }
 
 }  // namespace
+
+int db_library_init() {
+  // Debian's shared client library keeps the variable to itself (a build
+  // without OVK_STATIC_LINK): the weak reference is then null, and the
+  // library looks the port up as before.
+  if (&mysql_port != nullptr) mysql_port = kUnusedTcpPort;
+  // A failure here leaves the rest of the set-up to the client library,
+  // which then reports its own.
+  (void)OPENSSL_init_crypto(kCryptoInitOptions, nullptr);
+  (void)OPENSSL_init_ssl(kSslInitOptions, nullptr);
+  return mysql_library_init(0, nullptr, nullptr);
+}
 
 void set_db_errmsg(MYSQL* connection, char* msgbuf, std::size_t msgbufsize, const char* stage) {
   const unsigned int error = mysql_errno(connection);

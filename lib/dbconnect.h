@@ -8,6 +8,11 @@
 
 #include <cstddef>
 
+// Sets the client library up for the whole process: once, at the program's
+// start, before any connection or escaping. 0 on success; the library's own
+// mysql_library_init() status otherwise.
+int db_library_init();
+
 // -1 not yet known, 0 binary client character set, 1 UTF-8.
 extern int _mysql41_compatible;
 
