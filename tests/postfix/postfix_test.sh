@@ -93,7 +93,7 @@ cleanup() {
   local f
   for f in "${created_in_sandbox[@]}"; do rm -rf "$f"; done
   mariadb --no-defaults --socket="$dbsock" -uroot ovk -e \
-    "DELETE FROM resp_freq; DELETE FROM mail_resp; DELETE FROM mail; DELETE FROM mail_aliases; DELETE FROM domains; DELETE FROM clients; DELETE FROM misc;" \
+    "DELETE FROM resp_freq; DELETE FROM resp_forward; DELETE FROM resp_attach; DELETE FROM mail_resp; DELETE FROM mail_aliases; DELETE FROM domainaliases; DELETE FROM mail; DELETE FROM domains; DELETE FROM clients; DELETE FROM misc;" \
     >/dev/null 2>&1 || true
   exit "$status"
 }
@@ -129,8 +129,11 @@ SCRIPT
 chmod 755 "$sandbox/usr/sbin/sendmail"
 
 # The panel's data: the mailbox info@example.com with one rule answering
-# every message.
+# every message, in tables emptied of what earlier tests left.
 mariadb --no-defaults --socket="$dbsock" -uroot ovk <<'SQL'
+DELETE FROM resp_freq; DELETE FROM resp_forward; DELETE FROM resp_attach; DELETE FROM mail_resp;
+DELETE FROM mail_aliases; DELETE FROM domainaliases; DELETE FROM mail; DELETE FROM domains;
+DELETE FROM clients; DELETE FROM misc;
 INSERT INTO misc (param, val) VALUES ('mysql41_compatible', 'true');
 INSERT INTO clients (id, email, pname, login) VALUES (1, 'owner@example.com', 'Owner', 'owner');
 INSERT INTO domains (id, name, cl_id) VALUES (1, 'example.com', 1);
