@@ -3,8 +3,8 @@
 // a domain alias, in that order; the first lookup with a row decides and the
 // later ones are never sent.
 //
-// Owns each lookup's result while it is read. Fails by ending the run through
-// correct_exit(): a lookup that does not execute (or whose result cannot be
+// Owns each lookup's result while it is read. Fails by ending the run
+// (Run_end): a lookup that does not execute (or whose result cannot be
 // fetched) with "autoresponder: Unable to query: " and the server's text, an
 // unknown recipient with "autoresponder: Mailname not found: ".
 #include "autoresponder/mailbox_resolution.h"
@@ -12,7 +12,7 @@
 #include <iostream>
 
 #include "autoresponder/db_statement.h"
-#include "autoresponder/run.h"
+#include "autoresponder/run_end.h"
 #include "lib/autoprepend.h"
 
 namespace {
@@ -73,7 +73,7 @@ Mailbox_ref resolve_mailbox(MYSQL* connection, const Mail_content& mail, const c
   if (row == nullptr) {
     std::cerr << "autoresponder: Mailname not found: " << mail.to_mailname << "@" << mail.to_domain
               << std::endl;
-    correct_exit();
+    end_run();
   }
 
   Mailbox_ref mailbox;

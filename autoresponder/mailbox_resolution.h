@@ -16,7 +16,7 @@ struct Mailbox_ref {
 };
 
 // Runs the four lookups in order on `connection` with the escaped recipient
-// halves; the first that yields a row decides. Ends the process through
-// correct_exit() when a lookup fails or nothing is found.
+// halves; the first that yields a row decides. Ends the run (Run_end)
+// when a lookup fails or nothing is found.
 Mailbox_ref resolve_mailbox(MYSQL* connection, const Mail_content& mail, const char* esc_domain,
                             const char* esc_mailname);

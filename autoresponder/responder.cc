@@ -6,8 +6,8 @@
 // Owns, for the whole routine, the two escaped recipient halves, the
 // connection and the rule result; on the normal path they are released in
 // that documented order: result, esc_domain, esc_mailname, connection. Fails
-// by ending the run through correct_exit() after one report line; the stages
-// it calls end the run themselves as they document.
+// by ending the run (Run_end) after one report line, which unwinds through
+// the same owners; the stages it calls end the run the same way.
 #include "autoresponder/responder.h"
 
 #include <cstdlib>
@@ -18,7 +18,7 @@
 #include "autoresponder/frequency.h"
 #include "autoresponder/mailbox_resolution.h"
 #include "autoresponder/rules.h"
-#include "autoresponder/run.h"
+#include "autoresponder/run_end.h"
 #include "lib/dbconnect.h"
 #include "lib/libcommon.h"
 #include "lib/mysql_handle.h"
@@ -38,14 +38,14 @@ int db_mail_act(Mail_content* mail) {
   MallocChars esc_mailname = escape_buffer_for(mail->to_mailname);
   if (!esc_domain || !esc_mailname) {
     std::cerr << "autoresponder: Unable to alloc memory" << std::endl;
-    correct_exit();
+    end_run();
   }
   // No connection exists yet, hence the connection-less form. This client
   // library escapes by its default character set, which is set up only by
   // the library's initialisation (otherwise first done by mysql_init).
   if (mysql_library_init(0, nullptr, nullptr) != 0) {
     std::cerr << "autoresponder: Unable to initialize the MySQL client library" << std::endl;
-    correct_exit();
+    end_run();
   }
   mysql_escape_string(esc_domain.get(), mail->to_domain.data(), mail->to_domain.size());
   mysql_escape_string(esc_mailname.get(), mail->to_mailname.data(), mail->to_mailname.size());
@@ -53,7 +53,7 @@ int db_mail_act(Mail_content* mail) {
   MysqlConnection connection(db_connect());
   if (!connection) {
     std::cerr << "autoresponder: Unable to connect to the mysql database " << std::endl;
-    correct_exit();
+    end_run();
   }
 
   const Mailbox_ref mailbox =

@@ -4,5 +4,5 @@
 #include "autoresponder/mail_content.h"
 
 // Returns 0 when all rules have been processed; fatal conditions end the
-// process through correct_exit() or the message log.
+// run by throwing Run_end (autoresponder/run_end.h).
 int db_mail_act(Mail_content* mail);

@@ -3,8 +3,13 @@
 // Prepares the process (message-log name, privileged-start hardening, panel
 // configuration, superuser ids), has the message taken in, refuses messages
 // that would start a mail loop, hands the rest to the responder and removes
-// the temporary files. Every path through here ends with exit status 0; only
-// the responder's answer stages end the process with status 1 themselves.
+// the temporary files. Every path through here ends with exit status 0,
+// except a fatal message of the answer stages, which ends it with status 1.
+//
+// The run ends here and nowhere else: a stage that must end it throws
+// Run_end (autoresponder/run_end.h), and every owner between the stage and
+// this entry (named lock, results, connection, message record) is released
+// on the way out before correct_exit() or exit(status).
 //
 // Exceptions: the intake and the responder report their own failures and
 // return, or end the process themselves. An exception that still escapes
@@ -26,6 +31,7 @@
 
 #include "autoresponder/intake.h"
 #include "autoresponder/responder.h"
+#include "autoresponder/run_end.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/autoprepend.h"
 #include "lib/paths.h"
@@ -46,6 +52,22 @@ void take_in_and_answer(Mail_content& mail) {
     return;
   }
   db_mail_act(&mail);
+}
+
+// The run proper; returns the status of a fatal end, 0 otherwise.
+int run_to_its_end(Mail_content& mail) {
+  try {
+    take_in_and_answer(mail);
+  } catch (const Run_end& end) {
+    return end.status;
+  } catch (const std::bad_alloc&) {
+    std::cerr << "autoresponder: out of memory" << std::endl;
+  } catch (const std::exception& failure) {
+    std::cerr << "autoresponder: " << failure.what() << std::endl;
+  } catch (...) {
+    std::cerr << "autoresponder: unexpected failure" << std::endl;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -72,19 +94,17 @@ void run_autoresponder(int /*argc*/, char** argv) {
   // Before any library can read the environment.
   drop_privileged_environment(getauxval(AT_SECURE) != 0);
   autoprepend();
-  // Lives until exit(): the responder keeps pointers into it.
-  Mail_content mail;
+  unwind_fatal_messages();
   // Without the privilege the run goes on with the ids it has.
   (void)!setuid(0);
   (void)!setgid(0);
-  try {
-    take_in_and_answer(mail);
-  } catch (const std::bad_alloc&) {
-    std::cerr << "autoresponder: out of memory" << std::endl;
-  } catch (const std::exception& failure) {
-    std::cerr << "autoresponder: " << failure.what() << std::endl;
-  } catch (...) {
-    std::cerr << "autoresponder: unexpected failure" << std::endl;
+  int status;
+  {
+    // Outlives every stage: the responder keeps pointers into it.
+    Mail_content mail;
+    status = run_to_its_end(mail);
   }
+  // A fatal end leaves the temporary files, as the message log always has.
+  if (status != 0) std::exit(status);
   correct_exit();
 }
