@@ -41,21 +41,23 @@ void survive_broken_pipes() {
 }  // namespace
 
 void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref& mailbox,
-                 const char* esc_domain, const Resp_rule& rule) {
+                 const char* esc_domain, const Resp_rule& rule, const Run_seam& seam) {
   survive_broken_pipes();
-  forward_incoming(connection, rule.id, mail);
+  forward_incoming(connection, rule.id, mail, *seam.sink);
 
   const std::string resp_boundary = makeBoundaryStr();
   Response_file_fd response_fd = create_response_file();
 
   const Attachment_lookup attachments =
       collect_attachments(connection, rule.id, mailbox.attach_dir);
+  seam.observer->attachments_looked_up(attachments.found_attachments,
+                                       attachments.missing_attachments);
   if (!attachments.missing_attachments.empty()) {
     notify_missing_attachments(connection, esc_domain, rule.reply_to, mail,
-                               attachments.missing_attachments);
+                               attachments.missing_attachments, *seam.sink);
   }
 
   compose_response(mail, rule, mailbox.attach_dir, attachments.found_attachments, resp_boundary,
-                   std::move(response_fd));
-  deliver_response(mail, rule);
+                   std::move(response_fd), seam.reply_fields);
+  deliver_response(mail, rule, *seam.sink, *seam.observer);
 }

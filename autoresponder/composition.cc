@@ -97,7 +97,7 @@ void write_base64_file(std::ostream& out, const std::string& path) {
 void write_response(std::ostream& out, const Mail_content& mail, const Resp_rule& rule,
                     const std::string& encoded_subject, const std::string& attach_dir,
                     const std::vector<std::string>& found_attachments,
-                    const std::string& resp_boundary) {
+                    const std::string& resp_boundary, const std::string& extra_fields) {
   if (!rule.reply_to.empty()) out << "Reply-To: " << rule.reply_to << '\n';
 
   // A charset the converter does not know: the text goes out as it is
@@ -115,6 +115,7 @@ void write_response(std::ostream& out, const Mail_content& mail, const Resp_rule
   out << "To: " << mail.from << '\n';
   out << "MIME-Version: 1.0\n";
   out << "Subject: " << encoded_subject << '\n';
+  out << extra_fields;
 
   const bool multipart = !found_attachments.empty();
   if (multipart) {
@@ -204,7 +205,8 @@ Response_file_fd create_response_file() {
 void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& attach_dir,
                       const std::vector<std::string>& found_attachments,
-                      const std::string& resp_boundary, Response_file_fd response_fd) {
+                      const std::string& resp_boundary, Response_file_fd response_fd,
+                      const std::string& extra_fields) {
   try {
     const std::string resp_subject = response_subject(rule, mail);
     const std::string encoded_subject = orvik::rfc1522::encode(resp_subject);
@@ -217,7 +219,8 @@ void compose_response(const Mail_content& mail, const Resp_rule& rule,
       if (fd != -1) close(fd);
       out.setstate(std::ios::failbit);
     }
-    write_response(out, mail, rule, encoded_subject, attach_dir, found_attachments, resp_boundary);
+    write_response(out, mail, rule, encoded_subject, attach_dir, found_attachments, resp_boundary,
+                   extra_fields);
     buffer.close();
     response_fd.reset();
   } catch (const orvik::idn::IdnaError& error) {

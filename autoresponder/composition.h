@@ -32,11 +32,13 @@ using Response_file_fd = Unique_fd;
 // the name as it was and is not reported.
 Response_file_fd create_response_file();
 
-// Writes the complete reply and then closes `response_fd`. An unwritable file
+// Writes the complete reply, with `extra_fields` (whole lines) after its
+// Subject, and then closes `response_fd`. An unwritable file
 // drops the reply silently (delivery notices only a file it cannot open). IDN
 // failure and exhausted memory end the process through the message log with
 // status 1.
 void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& attach_dir,
                       const std::vector<std::string>& found_attachments,
-                      const std::string& resp_boundary, Response_file_fd response_fd);
+                      const std::string& resp_boundary, Response_file_fd response_fd,
+                      const std::string& extra_fields = {});

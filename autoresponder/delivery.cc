@@ -1,6 +1,6 @@
 // Delivery of one reply: the mail system's size limit, the notice that
-// replaces an oversized reply, and the hand-over of the response file to a
-// sendmail child, which is waited for before the file is removed.
+// replaces an oversized reply, and the hand-over of the response file to the
+// run's mail sink (a sendmail child, waited for before the file is removed).
 //
 // Owns: the read-only descriptor on the response file until the child has
 // it, the child until it has ended.
@@ -27,8 +27,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "autoresponder/child_wait.h"
-#include "lib/forkexec.h"
 #include "lib/paths.h"
 #include "lib/put.h"
 #include "lib/text_encoding/idn.h"
@@ -69,11 +67,13 @@ void write_size_notice(const Mail_content& mail, const Resp_rule& rule) {
   out << "\n\n\n";
 }
 
-void apply_size_limit(const Mail_content& mail, const Resp_rule& rule) {
+void apply_size_limit(const Mail_content& mail, const Resp_rule& rule, Run_observer& observer) {
   const std::int32_t databytes_limit = read_databytes_limit();
   struct stat status;
   if (stat(resp_uu_file_name, &status) != 0) return;
-  if (databytes_limit > 0 && status.st_size > databytes_limit) write_size_notice(mail, rule);
+  const bool over = databytes_limit > 0 && status.st_size > databytes_limit;
+  observer.size_checked(status.st_size, databytes_limit, over);
+  if (over) write_size_notice(mail, rule);
 }
 
 // One line: "autoresponder: ", the text, the error's text and number.
@@ -82,7 +82,7 @@ void report_errno(const std::string& text, int error) {
             << std::endl;
 }
 
-void hand_to_sendmail(const Mail_content& mail) {
+void hand_to_sendmail(const Mail_content& mail, Mail_sink& sink) {
   Unique_fd response(open(resp_uu_file_name, O_RDONLY));
   if (response.get() < 0) {
     report_errno(std::string("Failed to open temporary file with response mail contents '") +
@@ -91,25 +91,20 @@ void hand_to_sendmail(const Mail_content& mail) {
     throw std::runtime_error("Failed to generate response mail contents");
   }
   const std::string envelope_sender = orvik::idn::toAscii(mail.to);
-  const pid_t pid =
-      fork_execl_pipes(response.get(), STDOUT_FILENO, STDERR_FILENO, orvik::paths::kSendmail,
-                       orvik::paths::kSendmail, "-f", envelope_sender.c_str(), mail.from.c_str(),
-                       static_cast<const char*>(nullptr));
-  const int spawn_error = errno;
-  response.reset();
-  if (pid < 0) {
-    report_errno("Failed to spawn sendmail for response: ", spawn_error);
+  if (!sink.send_file(Outgoing::kReply, {orvik::paths::kSendmail, "-f", envelope_sender, mail.from},
+                      response.get())) {
+    report_errno("Failed to spawn sendmail for response: ", errno);
     throw std::runtime_error("Failed to spawn sendmail to send response mail");
   }
-  wait_for_sendmail(pid, "reply");
 }
 
 }  // namespace
 
-void deliver_response(const Mail_content& mail, const Resp_rule& rule) {
+void deliver_response(const Mail_content& mail, const Resp_rule& rule, Mail_sink& sink,
+                      Run_observer& observer) {
   try {
-    apply_size_limit(mail, rule);
-    hand_to_sendmail(mail);
+    apply_size_limit(mail, rule, observer);
+    hand_to_sendmail(mail, sink);
   } catch (const orvik::idn::IdnaError& error) {
     messlog2(1, 0, "IDN conversion error: %s", error.what());
   } catch (const std::bad_alloc&) {

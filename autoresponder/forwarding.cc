@@ -1,6 +1,6 @@
 // Forwarding: sends the stored incoming message, byte for byte, to the
-// addresses a rule lists in resp_forward, through one sendmail child whose
-// standard input is the stored message file.
+// addresses a rule lists in resp_forward, through the run's mail sink (one
+// sendmail child whose standard input is the stored message file).
 //
 // Owns for the length of one call: the resp_forward result and the descriptor
 // of the stored message (closed as soon as the child has it).
@@ -20,9 +20,7 @@
 #include <iostream>
 #include <vector>
 
-#include "autoresponder/child_wait.h"
 #include "autoresponder/db_statement.h"
-#include "lib/forkexec.h"
 #include "lib/paths.h"
 #include "lib/unique_fd.h"
 
@@ -48,7 +46,8 @@ void report_system_error(const std::string& what, int error) {
 
 }  // namespace
 
-void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_content& mail) {
+void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_content& mail,
+                      Mail_sink& sink) {
   const std::vector<std::string> addresses = forwarding_list(connection, rule_id);
   if (addresses.empty()) return;
 
@@ -66,21 +65,9 @@ void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_
 
   // The envelope sender is the address the message was received at, as the
   // mail system gave it (an alias stays the alias).
-  std::vector<const char*> argv;
-  argv.reserve(addresses.size() + 4);
-  argv.push_back(orvik::paths::kSendmail);
-  argv.push_back("-f");
-  argv.push_back(mail.to.c_str());
-  for (const std::string& address : addresses) argv.push_back(address.c_str());
-  argv.push_back(nullptr);
-
-  const pid_t pid = fork_execv_pipes(message.get(), STDOUT_FILENO, STDERR_FILENO,
-                                     orvik::paths::kSendmail, argv.data());
-  const int spawn_error = errno;
-  message.reset();
-  if (pid < 0) {
-    report_system_error("autoresponder: Failed to spawn sendmail for forwarding: ", spawn_error);
-    return;
+  std::vector<std::string> argv = {orvik::paths::kSendmail, "-f", mail.to};
+  argv.insert(argv.end(), addresses.begin(), addresses.end());
+  if (!sink.send_file(Outgoing::kForward, argv, message.get())) {
+    report_system_error("autoresponder: Failed to spawn sendmail for forwarding: ", errno);
   }
-  wait_for_sendmail(pid, "forward");
 }

@@ -33,7 +33,7 @@ MallocChars escape_buffer_for(const std::string& text) {
 
 }  // namespace
 
-int db_mail_act(Mail_content* mail) {
+int db_mail_act(Mail_content* mail, const Run_seam& seam) {
   MallocChars esc_domain = escape_buffer_for(mail->to_domain);
   MallocChars esc_mailname = escape_buffer_for(mail->to_mailname);
   if (!esc_domain || !esc_mailname) {
@@ -56,8 +56,19 @@ int db_mail_act(Mail_content* mail) {
     end_run();
   }
 
-  const Mailbox_ref mailbox =
-      resolve_mailbox(connection.get(), *mail, esc_domain.get(), esc_mailname.get());
+  if (seam.roll_back) exec_or_exit(connection.get(), "START TRANSACTION", kExecQueryFailed);
+
+  const char* route = nullptr;
+  const std::optional<Mailbox_ref> found =
+      resolve_mailbox(connection.get(), esc_domain.get(), esc_mailname.get(), &route);
+  if (!found) {
+    seam.observer->mailbox_not_found();
+    std::cerr << "autoresponder: Mailname not found: " << mail->to_mailname << "@"
+              << mail->to_domain << std::endl;
+    end_run();
+  }
+  const Mailbox_ref& mailbox = *found;
+  seam.observer->mailbox_found(mailbox, route);
 
   MysqlResult rules = select_or_exit(
       connection.get(),
@@ -65,14 +76,21 @@ int db_mail_act(Mail_content* mail) {
       kExecQueryFailed);
   while (MYSQL_ROW row = mysql_fetch_row(rules.get())) {
     const Resp_rule rule = rule_from_row(row);
-    if (!rule_is_on(rule) || !rule_matches(rule, *mail)) continue;
-    if (can_response_freq(connection.get(), mail, rule.id, rule.ans_freq, rule.mem_limit) == 0) {
+    const bool on = rule_is_on(rule);
+    const bool matches = on && rule_matches(rule, *mail);
+    seam.observer->rule_seen(rule, on, matches);
+    if (!matches) continue;
+    if (can_response_freq(connection.get(), mail, rule.id, rule.ans_freq, rule.mem_limit,
+                          *seam.observer) == 0) {
       continue;
     }
-    answer_rule(connection.get(), *mail, mailbox, esc_domain.get(), rule);
+    answer_rule(connection.get(), *mail, mailbox, esc_domain.get(), rule, seam);
   }
 
   rules.reset();
+  // Closing without a commit would discard the changes too; the statement
+  // says so in the server's log.
+  if (seam.roll_back) exec_or_exit(connection.get(), "ROLLBACK", kExecQueryFailed);
   esc_domain.reset();
   esc_mailname.reset();
   connection.reset();

@@ -31,6 +31,7 @@
 
 #include "autoresponder/intake.h"
 #include "autoresponder/responder.h"
+#include "autoresponder/robot_guards.h"
 #include "autoresponder/run_end.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/autoprepend.h"
@@ -41,23 +42,16 @@ namespace {
 
 constexpr const char* kDaemonNames[] = {"MAILER-DAEMON", "mailer-daemon", "DrWEB-DAEMON"};
 
-// Intake, loop guards and responder; returns when the run is over.
-void take_in_and_answer(Mail_content& mail) {
-  if (parse_message(&mail) != 0) {
-    std::cerr << "Abnormal exit." << std::endl;
-    return;
-  }
-  if (const char* refusal = loop_guard_refusal(mail)) {
-    std::cerr << refusal << std::endl;
-    return;
-  }
-  db_mail_act(&mail);
+void refuse(const std::string& line, const Run_seam& seam) {
+  seam.observer->refused(line);
+  std::cerr << line << std::endl;
 }
 
 // The run proper; returns the status of a fatal end, 0 otherwise.
 int run_to_its_end(Mail_content& mail) {
   try {
-    take_in_and_answer(mail);
+    Run_seam seam;
+    take_in_and_answer(mail, seam);
   } catch (const Run_end& end) {
     return end.status;
   } catch (const std::bad_alloc&) {
@@ -72,11 +66,38 @@ int run_to_its_end(Mail_content& mail) {
 
 }  // namespace
 
-void correct_exit() {
+Run_outcome take_in_and_answer(Mail_content& mail, Run_seam& seam) {
+  if (parse_message(&mail) != 0) {
+    std::cerr << "Abnormal exit." << std::endl;
+    return Run_outcome::kUnreadable;
+  }
+  if (const char* refusal = loop_guard_refusal(mail)) {
+    refuse(refusal, seam);
+    return Run_outcome::kRefused;
+  }
+  const bool guards_on = robot_guards_on();
+  if (guards_on) {
+    const Entity_headers fields = robot_fields(mail_file_name).value_or(Entity_headers{});
+    if (const auto refusal = robot_refusal(mail, fields)) {
+      refuse(*refusal, seam);
+      return Run_outcome::kRefused;
+    }
+    seam.reply_fields = auto_reply_fields(fields);
+  }
+  seam.observer->reply_fields(guards_on, seam.reply_fields);
+  db_mail_act(&mail, seam);
+  return Run_outcome::kAnswered;
+}
+
+void remove_temporary_files() {
   // Either name may still be the template (never created): unlink then
   // fails harmlessly.
   if (mail_file_name[0] != '\0') unlink(mail_file_name);
   if (resp_uu_file_name[0] != '\0') unlink(resp_uu_file_name);
+}
+
+void correct_exit() {
+  remove_temporary_files();
   std::exit(0);
 }
 

@@ -89,6 +89,20 @@ std::optional<std::string>* field_slot(Entity_headers& headers, Header_block_kin
     slot = &headers.subject;
   } else if (name_is(name, "Date")) {
     slot = &headers.date;
+  } else if (name_is(name, "Auto-Submitted")) {
+    slot = &headers.auto_submitted;
+  } else if (name_is(name, "Precedence")) {
+    slot = &headers.precedence;
+  } else if (name_is(name, "List-Id")) {
+    slot = &headers.list_id;
+  } else if (name_is(name, "List-Unsubscribe")) {
+    slot = &headers.list_unsubscribe;
+  } else if (name_is(name, "List-Post")) {
+    slot = &headers.list_post;
+  } else if (name_is(name, "Return-Path")) {
+    slot = &headers.return_path;
+  } else if (name_is(name, "Message-ID")) {
+    slot = &headers.message_id;
   }
   return slot != nullptr && !slot->has_value() ? slot : nullptr;
 }
