@@ -259,6 +259,7 @@ TEST_P(RobotGuards, RefuseRobotsOnlyWhenOn) {
   const std::string message = "From: " + c.from + "\nTo: info@example.org\nSubject: S\n" +
                               c.fields + "Message-ID: <m1@x>\n\nHi\n";
   const std::string conf = Sandbox::read_file("etc/ovk/ovk.conf");
+  std::string unset_reply;  // the reply without the variable: "false" must give the same
   for (const char* value : {"", "false", "TRUE"}) {
     SCOPED_TRACE(value);
     TestDb::exec("DELETE FROM resp_freq");
@@ -274,6 +275,10 @@ TEST_P(RobotGuards, RefuseRobotsOnlyWhenOn) {
     auto calls = Sandbox::sendmail_calls();
     calls.erase(calls.begin(), calls.begin() + static_cast<long>(earlier));
     ASSERT_EQ(calls.size(), refused ? 0u : 1u);
+    if (!refused && !on) {
+      if (!*value) unset_reply = calls[0].input;
+      EXPECT_EQ(calls[0].input, unset_reply);
+    }
     if (!refused) {
       const std::string fields =
           "Subject: Re: S\nAuto-Submitted: auto-replied\nIn-Reply-To: <m1@x>\nReferences: <m1@x>\n";
