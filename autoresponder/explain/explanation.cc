@@ -16,12 +16,46 @@
 
 namespace {
 
-// A JSON string; also the quoted form of the text output.
+// The length of the well-formed UTF-8 sequence at `at` (1 for ASCII), or 0:
+// no overlong form, no surrogate, nothing above U+10FFFF.
+std::size_t utf8_sequence(const std::string& text, std::size_t at) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
+  const unsigned char lead = byte(0);
+  std::size_t length = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xbf;
+  if (lead < 0x80) return 1;
+  if (lead >= 0xc2 && lead < 0xe0) length = 2;
+  if (lead >= 0xe0 && lead < 0xf0) length = 3;
+  if (lead >= 0xf0 && lead < 0xf5) length = 4;
+  if (lead == 0xe0) low = 0xa0;
+  if (lead == 0xed) high = 0x9f;
+  if (lead == 0xf0) low = 0x90;
+  if (lead == 0xf4) high = 0x8f;
+  if (length == 0 || at + length > text.size() || byte(1) < low || byte(1) > high) return 0;
+  for (std::size_t i = 2; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+  }
+  return length;
+}
+
+// A JSON string; also the quoted form of the text output. A byte that is not
+// part of well-formed UTF-8 (the message and the database may hold any) is
+// written as U+FFFD, so the document stays valid.
 std::string quoted(const std::string& text) {
   std::string out = "\"";
-  for (const char c : text) {
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
     const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
+    if (byte >= 0x80) {
+      const std::size_t length = utf8_sequence(text, at);
+      if (length == 0) {
+        out += "\\ufffd";
+        continue;
+      }
+      out.append(text, at, length);
+      at += length - 1;
+    } else if (c == '"' || c == '\\') {
       out += '\\';
       out += c;
     } else if (c == '\n') {

@@ -187,12 +187,20 @@ TEST_F(Explain, CannotTellWithoutDatabaseOrConfiguration) {
   EXPECT_TRUE(Sandbox::tmp_files().empty());
 }
 
+// Texts from the message reach the document escaped and as valid UTF-8.
 TEST_F(Explain, JsonAndShow) {
-  const auto result = explain(kHello, "info@example.org", {"--json", "--show"});
+  auto result =
+      explain("From: a@x\nSubject: \"x\"\n\nHi\n", "info@example.org", {"--json", "--show"});
   EXPECT_EQ(result.exit_status, 0);
+  EXPECT_THAT(result.out, HasSubstr("\"subject\": \"\\\"x\\\"\""));
   EXPECT_THAT(result.out, HasSubstr("\"route\": \"own name\""));
   EXPECT_THAT(result.out, HasSubstr("\"content\": \"From: info@example.org\\nTo: a@x\\n"));
   EXPECT_THAT(result.out, HasSubstr("\"complete\": true"));
+  result = explain(kHello, "\xc3\xbc\x80\xed\xa0\x80\x01@x", {"--json"});
+  EXPECT_THAT(result.err, HasSubstr("autoresponder: Unable to query: "));  // as the program
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(result.out,
+              HasSubstr("{\"recipient\": \"\xc3\xbc\\ufffd\\ufffd\\ufffd\\ufffd\\u0001@x\""));
 }
 
 // The mails the explanation names are those the program then sends for the
