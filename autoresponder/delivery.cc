@@ -2,8 +2,8 @@
 // replaces an oversized reply, and the hand-over of the response file to the
 // run's mail sink (a sendmail child, waited for before the file is removed).
 //
-// Owns: the read-only descriptor on the response file until the child has
-// it, the child until it has ended.
+// Owns: the read-only descriptor on the response file until the sink has
+// the mail (the program's sink waits for its sendmail child).
 //
 // Failures: a missing or unreadable limit file means no limit; a response
 // file that cannot be measured goes out unchecked. A response file that

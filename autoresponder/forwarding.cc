@@ -3,7 +3,7 @@
 // sendmail child whose standard input is the stored message file).
 //
 // Owns for the length of one call: the resp_forward result and the descriptor
-// of the stored message (closed as soon as the child has it).
+// of the stored message (closed once the sink has the mail).
 //
 // Failures: a failed resp_forward statement ends the run through
 // correct_exit(). Everything else is best effort: a file that cannot be opened
