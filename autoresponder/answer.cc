@@ -19,21 +19,23 @@
 #include "autoresponder/forwarding.h"
 
 void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref& mailbox,
-                 const char* esc_domain, const Resp_rule& rule) {
-  forward_incoming(connection, rule.id, mail);
+                 const char* esc_domain, const Resp_rule& rule, const Run_seam& seam) {
+  forward_incoming(connection, rule.id, mail, *seam.sink);
 
   const std::string resp_boundary = makeBoundaryStr();
   Response_file response_file = create_response_file();
 
   const Attachment_lookup attachments =
       collect_attachments(connection, rule.id, mailbox.attach_dir);
+  seam.observer->attachments_looked_up(attachments.found_attachments,
+                                       attachments.missing_attachments);
   if (!attachments.missing_attachments.empty()) {
     notify_missing_attachments(connection, esc_domain, rule.reply_to, mail,
-                               attachments.missing_attachments);
+                               attachments.missing_attachments, *seam.sink);
   }
 
   const std::int32_t databytes_limit = read_databytes_limit();
   compose_response(mail, rule, mailbox.attach_dir, attachments.found_attachments, resp_boundary,
-                   response_file, databytes_limit);
-  deliver_response(mail, rule, response_file, databytes_limit);
+                   response_file, databytes_limit, seam.reply_fields);
+  deliver_response(mail, rule, response_file, databytes_limit, *seam.sink, *seam.observer);
 }

@@ -7,6 +7,7 @@
 #include "autoresponder/mail_content.h"
 #include "autoresponder/mailbox_resolution.h"
 #include "autoresponder/rules.h"
+#include "autoresponder/run_seam.h"
 
 void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref& mailbox,
-                 const char* esc_domain, const Resp_rule& rule);
+                 const char* esc_domain, const Resp_rule& rule, const Run_seam& seam = {});

@@ -6,10 +6,8 @@
 // owns the recipient's domain, by a mail through sendmail, which files are
 // missing; the reply goes out with the files that exist either way.
 //
-// Owns for the length of one call: the query results, the two ends of the
-// notice pipe (the read end until the child has it, the write end until the
-// stream over it is gone) and the notice's sendmail child, which is always
-// waited for.
+// Owns for the length of one call: the query results and the notice's text,
+// which goes to the run's mail sink.
 //
 // Failures: only a failed resp_attach statement ends the run
 // (correct_exit()). Every failure of the notice is reported on one line and
@@ -23,33 +21,23 @@
 #include "autoresponder/attachments.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <utility>
 
-#include "autoresponder/child_wait.h"
 #include "autoresponder/db_statement.h"
-#include "autoresponder/pipe_stream.h"
-#include "lib/forkexec.h"
 #include "lib/get_param.h"
 #include "lib/mysql_handle.h"
 #include "lib/orvik_chch.h"
 #include "lib/paths.h"
-#include "lib/unique_fd.h"
 
 namespace {
 
 // Sender of the notice when the panel names neither an administrator address
 // nor its host: the superuser of this machine.
 constexpr char kFallbackNoticeSender[] = "root@localhost";
-
-void report_system_error(const char* what, int error) {
-  std::cerr << what << std::strerror(error) << " (" << error << ")\n";
-}
 
 // The trimmed form of a stored name, as orvik_trim gives it.
 std::string trimmed_name(const char* stored) {
@@ -158,7 +146,7 @@ Attachment_lookup collect_attachments(MYSQL* connection, const std::string& rule
 
 void notify_missing_attachments(MYSQL* connection, const char* esc_domain,
                                 const std::string& reply_to, const Mail_content& mail,
-                                const std::string& missing_attachments) {
+                                const std::string& missing_attachments, Mail_sink& sink) {
   const std::optional<Domain_owner> owner = domain_owner(connection, esc_domain);
   if (!owner) return;
   if (owner->email.starts_with('-')) {
@@ -169,38 +157,8 @@ void notify_missing_attachments(MYSQL* connection, const char* esc_domain,
   }
   const std::string sender = notice_sender(connection);
 
-  int ends[2];
-  if (pipe(ends) != 0) {
-    report_system_error(
-        "autoresponder: Failed to create pipe to sendmail to notify about missing attachment "
-        "files: ",
-        errno);
-    return;
-  }
-  Unique_fd read_end(ends[0]);
-  Unique_fd write_end(ends[1]);
-
-  const pid_t pid = fork_execl_pipes(read_end.get(), STDOUT_FILENO, STDERR_FILENO,
-                                     orvik::paths::kSendmail, orvik::paths::kSendmail, "-f",
-                                     sender.c_str(), owner->email.c_str(), nullptr);
-  const int spawn_error = errno;
-  read_end.reset();
-  if (pid < 0) {
-    report_system_error(
-        "autoresponder: Failed to spawn sendmail to notify about missing attachment files: ",
-        spawn_error);
-    return;
-  }
-
-  {
-    // The stream owns the write end from here on; its end closes the pipe,
-    // which is sendmail's end of input.
-    ofd_pipestream notice(write_end.release());
-    if (!notice.good()) {
-      std::cerr << "Unable to send mail with notify of not exist attachment.\n";
-    } else {
-      write_notice(notice, reply_to, sender, *owner, mail, missing_attachments);
-    }
-  }
-  wait_for_sendmail(pid, "notice");
+  std::ostringstream notice;
+  write_notice(notice, reply_to, sender, *owner, mail, missing_attachments);
+  sink.send_text(Outgoing::kNotice, {orvik::paths::kSendmail, "-f", sender, owner->email},
+                 notice.str());
 }

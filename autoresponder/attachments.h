@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "autoresponder/mail_content.h"
+#include "autoresponder/run_seam.h"
 
 struct Attachment_lookup {
   std::vector<std::string> found_attachments;  // trimmed names that exist, in row order
@@ -23,7 +24,9 @@ bool names_a_repository_file(const std::string& attach_dir, const std::string& n
 Attachment_lookup collect_attachments(MYSQL* connection, const std::string& rule_id,
                                       const std::string& attach_dir);
 
-// Sends the notice; every failure is reported and the reply still goes out.
+// Hands the notice to `sink`; every failure is reported and the reply still
+// goes out.
 void notify_missing_attachments(MYSQL* connection, const char* esc_domain,
                                 const std::string& reply_to, const Mail_content& mail,
-                                const std::string& missing_attachments);
+                                const std::string& missing_attachments,
+                                Mail_sink& sink = sendmail_sink());

@@ -124,7 +124,8 @@ void write_response(std::ostream& out, const Response_writer& writer, const Mail
                     const Resp_rule& rule, const std::string& encoded_subject,
                     const std::string& attach_dir,
                     const std::vector<std::string>& found_attachments,
-                    const std::string& resp_boundary, std::int64_t size_limit) {
+                    const std::string& resp_boundary, std::int64_t size_limit,
+                    const std::string& extra_fields) {
   if (!rule.reply_to.empty()) out << "Reply-To: " << rule.reply_to << '\n';
 
   // A charset the converter does not know: the text goes out as it is
@@ -142,6 +143,7 @@ void write_response(std::ostream& out, const Response_writer& writer, const Mail
   out << "To: " << mail.from << '\n';
   out << "MIME-Version: 1.0\n";
   out << "Subject: " << encoded_subject << '\n';
+  out << extra_fields;
 
   const bool multipart = !found_attachments.empty();
   if (multipart) {
@@ -264,7 +266,7 @@ void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& attach_dir,
                       const std::vector<std::string>& found_attachments,
                       const std::string& resp_boundary, const Response_file& response_file,
-                      std::int64_t size_limit) {
+                      std::int64_t size_limit, const std::string& extra_fields) {
   try {
     const std::string resp_subject = response_subject(rule, mail);
     const std::string encoded_subject =
@@ -275,7 +277,7 @@ void compose_response(const Mail_content& mail, const Resp_rule& rule,
     std::ostream out(&writer);
     if (writer.failed()) out.setstate(std::ios::failbit);
     write_response(out, writer, mail, rule, encoded_subject, attach_dir, found_attachments,
-                   resp_boundary, size_limit);
+                   resp_boundary, size_limit, extra_fields);
     writer.pubsync();
   } catch (const orvik::idn::IdnaError& error) {
     messlog2(1, 0, "IDN conversion error: %s", error.what());

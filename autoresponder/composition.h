@@ -65,13 +65,12 @@ class Response_writer : public std::streambuf {
 };
 
 // Writes the complete reply through `response_file` (left open, its offset at
-// the end). Attachments stop once the reply is larger than `size_limit` (0
-// or less: no limit), since delivery then sends the size notice instead. An
-// unwritable file drops the reply silently (delivery reports a file that
-// could not be created). IDN failure and exhausted memory end the process
-// through the message log with status 1.
+// the end), with `extra_fields` (whole lines) after its Subject. Attachments stop once the reply is
+// larger than `size_limit` (0 or less: no limit), since delivery then sends the size notice
+// instead. An unwritable file drops the reply silently (delivery reports a file that could not be
+// created). IDN failure and exhausted memory end the process through the message log with status 1.
 void compose_response(const Mail_content& mail, const Resp_rule& rule,
                       const std::string& attach_dir,
                       const std::vector<std::string>& found_attachments,
                       const std::string& resp_boundary, const Response_file& response_file,
-                      std::int64_t size_limit = 0);
+                      std::int64_t size_limit = 0, const std::string& extra_fields = {});

@@ -2,17 +2,17 @@
 //
 // Owns each result it fetches until it hands it to the caller (MysqlResult)
 // or has read the one value it needs. Fails by ending the process through
-// correct_exit() after one report line; a null mysql_store_result counts as a
+// ending the run (Run_end) after one report line; a null mysql_store_result counts as a
 // failed statement, since these stages always expect a result set.
 #include "autoresponder/db_statement.h"
 
 #include <iostream>
 
-#include "autoresponder/run.h"
+#include "autoresponder/run_end.h"
 
 void fail_with_mysql_error(MYSQL* connection, const char* report) {
   std::cerr << report << mysql_error(connection) << std::endl;
-  correct_exit();
+  end_run();
 }
 
 void exec_or_exit(MYSQL* connection, const std::string& statement, const char* report) {

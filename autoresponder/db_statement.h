@@ -1,8 +1,8 @@
 // Statements of the responder stages on the run's one connection, for the
 // stages whose failure ends the run: a statement that does not execute, or a
 // select whose result cannot be fetched whole, is reported as one line (the
-// stage's report followed directly by mysql_error) and the run ends through
-// correct_exit().
+// stage's report followed directly by mysql_error) and the run ends
+// (autoresponder/run_end.h).
 #pragma once
 
 #include <mysql.h>
@@ -17,7 +17,7 @@ inline constexpr char kExecQueryFailed[] = "autoresponder: Unable to exec query 
 // The report of the mailbox lookups (a blank after the colon).
 inline constexpr char kQueryFailed[] = "autoresponder: Unable to query: ";
 
-// Writes `report` + mysql_error(connection) on standard error, then correct_exit().
+// Writes `report` + mysql_error(connection) on standard error, then ends the run.
 [[noreturn]] void fail_with_mysql_error(MYSQL* connection, const char* report);
 
 // Sends a statement that returns no rows.

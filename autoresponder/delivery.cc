@@ -1,13 +1,13 @@
 // Delivery of one reply: the mail system's size limit, the notice that
-// replaces an oversized reply, and the hand-over of the response file to a
-// sendmail child, which is waited for before the file is removed.
+// replaces an oversized reply, and the hand-over of the response file to the
+// run's mail sink (a sendmail child, waited for before the file is removed).
 //
 // The file is measured and handed over through the descriptor it was created
 // with, never opened by name; the notice is a response file of its own (a
 // new name from mkstemp), and the oversized reply is removed at once.
 //
-// Owns: the child until it has ended; the notice's file until it replaces
-// the reply's in the caller's Response_file.
+// Owns: the notice's file until it replaces the reply's in the caller's
+// Response_file.
 //
 // Failures: a missing or unreadable limit file means no limit; a response
 // file that cannot be measured goes out unchecked. A response file that
@@ -34,9 +34,7 @@
 #include <string>
 #include <utility>
 
-#include "autoresponder/child_wait.h"
 #include "autoresponder/composition.h"
-#include "lib/forkexec.h"
 #include "lib/paths.h"
 #include "lib/put.h"
 #include "lib/text_encoding/idn.h"
@@ -93,12 +91,12 @@ void write_size_notice(const Mail_content& mail, const Resp_rule& rule, Response
 }
 
 void apply_size_limit(const Mail_content& mail, const Resp_rule& rule, Response_file& file,
-                      std::int32_t databytes_limit) {
+                      std::int32_t databytes_limit, Run_observer& observer) {
   struct stat status;
   if (fstat(file.fd.get(), &status) != 0) return;
-  if (databytes_limit > 0 && status.st_size > databytes_limit) {
-    write_size_notice(mail, rule, file);
-  }
+  const bool over = databytes_limit > 0 && status.st_size > databytes_limit;
+  observer.size_checked(status.st_size, databytes_limit, over);
+  if (over) write_size_notice(mail, rule, file);
 }
 
 // One line: "autoresponder: ", the text, the error's text and number.
@@ -107,7 +105,7 @@ void report_errno(const std::string& text, int error) {
             << std::endl;
 }
 
-void hand_to_sendmail(const Mail_content& mail, const Response_file& file) {
+void hand_to_sendmail(const Mail_content& mail, const Response_file& file, Mail_sink& sink) {
   // Read from its first byte; the descriptor's offset is the child's too.
   if (!file.fd || lseek(file.fd.get(), 0, SEEK_SET) != 0) {
     if (!file.fd) errno = file.error;
@@ -120,24 +118,20 @@ void hand_to_sendmail(const Mail_content& mail, const Response_file& file) {
   // way here.
   if (mail.from.starts_with('-')) throw std::runtime_error("Recipient address begins with '-'");
   const std::string envelope_sender = orvik::idn::toAscii(mail.to);
-  const pid_t pid = fork_execl_pipes(
-      file.fd.get(), STDOUT_FILENO, STDERR_FILENO, orvik::paths::kSendmail, orvik::paths::kSendmail,
-      "-f", envelope_sender.c_str(), mail.from.c_str(), static_cast<const char*>(nullptr));
-  const int spawn_error = errno;
-  if (pid < 0) {
-    report_errno("Failed to spawn sendmail for response: ", spawn_error);
+  if (!sink.send_file(Outgoing::kReply, {orvik::paths::kSendmail, "-f", envelope_sender, mail.from},
+                      file.fd.get())) {
+    report_errno("Failed to spawn sendmail for response: ", errno);
     throw std::runtime_error("Failed to spawn sendmail to send response mail");
   }
-  wait_for_sendmail(pid, "reply");
 }
 
 }  // namespace
 
 void deliver_response(const Mail_content& mail, const Resp_rule& rule, Response_file& file,
-                      std::int32_t databytes_limit) {
+                      std::int32_t databytes_limit, Mail_sink& sink, Run_observer& observer) {
   try {
-    apply_size_limit(mail, rule, file, databytes_limit);
-    hand_to_sendmail(mail, file);
+    apply_size_limit(mail, rule, file, databytes_limit, observer);
+    hand_to_sendmail(mail, file, sink);
   } catch (const orvik::idn::IdnaError& error) {
     messlog2(1, 0, "IDN conversion error: %s", error.what());
   } catch (const std::bad_alloc&) {

@@ -1,9 +1,9 @@
 // Forwarding: sends the stored incoming message, byte for byte, to the
-// addresses a rule lists in resp_forward, through one sendmail child whose
-// standard input is the stored message file.
+// addresses a rule lists in resp_forward, through the run's mail sink (one
+// sendmail child whose standard input is the stored message file).
 //
 // Owns for the length of one call: the resp_forward result and the descriptor
-// of the stored message (closed as soon as the child has it).
+// of the stored message (closed once the sink has the mail).
 //
 // Failures: a failed resp_forward statement ends the run through
 // correct_exit(). Everything else is best effort: a file that cannot be opened
@@ -21,9 +21,7 @@
 #include <iostream>
 #include <vector>
 
-#include "autoresponder/child_wait.h"
 #include "autoresponder/db_statement.h"
-#include "lib/forkexec.h"
 #include "lib/paths.h"
 #include "lib/unique_fd.h"
 
@@ -49,7 +47,8 @@ void report_system_error(const std::string& what, int error) {
 
 }  // namespace
 
-void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_content& mail) {
+void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_content& mail,
+                      Mail_sink& sink) {
   const std::vector<std::string> addresses = forwarding_list(connection, rule_id);
   if (addresses.empty()) return;
 
@@ -67,29 +66,17 @@ void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_
 
   // The envelope sender is the address the message was received at, as the
   // mail system gave it (an alias stays the alias).
-  std::vector<const char*> argv;
-  argv.reserve(addresses.size() + 4);
-  argv.push_back(orvik::paths::kSendmail);
-  argv.push_back("-f");
-  argv.push_back(mail.to.c_str());
+  std::vector<std::string> argv = {orvik::paths::kSendmail, "-f", mail.to};
   for (const std::string& address : addresses) {
     if (address.starts_with('-')) {
       std::cerr << "autoresponder: Forwarding address begins with '-', left out: " << address
                 << '\n';
       continue;
     }
-    argv.push_back(address.c_str());
+    argv.push_back(address);
   }
   if (argv.size() == 3) return;
-  argv.push_back(nullptr);
-
-  const pid_t pid = fork_execv_pipes(message.get(), STDOUT_FILENO, STDERR_FILENO,
-                                     orvik::paths::kSendmail, argv.data());
-  const int spawn_error = errno;
-  message.reset();
-  if (pid < 0) {
-    report_system_error("autoresponder: Failed to spawn sendmail for forwarding: ", spawn_error);
-    return;
+  if (!sink.send_file(Outgoing::kForward, argv, message.get())) {
+    report_system_error("autoresponder: Failed to spawn sendmail for forwarding: ", errno);
   }
-  wait_for_sendmail(pid, "forward");
 }

@@ -6,7 +6,10 @@
 #include <string>
 
 #include "autoresponder/mail_content.h"
+#include "autoresponder/run_seam.h"
 
 // Best effort: failures are reported and the answer still goes out; only a
 // failed resp_forward statement ends the run (correct_exit()).
-void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_content& mail);
+// The forward goes to `sink`.
+void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_content& mail,
+                      Mail_sink& sink = sendmail_sink());

@@ -33,14 +33,20 @@ long number_of(const std::string& text) {
 }  // namespace
 
 int can_response_freq(MYSQL* connection, Mail_content* mail, std::string id, std::string ans_freq,
-                      std::string mem_limit) {
+                      std::string mem_limit, Run_observer& observer) {
   exec_or_exit(
       connection,
       "delete from resp_freq where rn_id=" + id + " and (TO_DAYS(NOW())-TO_DAYS(time_resp))>0",
       kExecQueryFailed);
 
   const long max_answers = number_of(ans_freq);
-  if (max_answers <= 0) return 0;
+  Answer_count count;
+  count.rule_id = id;
+  count.limit = max_answers;
+  if (max_answers <= 0) {
+    observer.answer_counted(count);
+    return 0;
+  }
 
   const std::string remembered =
       first_value_or_exit(connection, "select COUNT(*) from resp_freq where rn_id=" + id,
@@ -58,15 +64,23 @@ int can_response_freq(MYSQL* connection, Mail_content* mail, std::string id, std
 
   const auto answered = first_value_or_exit(connection, "select num from resp_freq" + sender_key,
                                             kExecQueryFailed, "0");
+  count.remembered = number_of(remembered);
+  count.memory = number_of(mem_limit);
   if (answered) {
-    if (number_of(*answered) >= max_answers) return 0;
+    count.today = number_of(*answered);
+    count.answers = *count.today < max_answers;
+    observer.answer_counted(count);
+    if (!count.answers) return 0;
     // The stored text is pasted back as read; the server adds the one.
     exec_or_exit(connection, "update resp_freq set num=" + *answered + "+1" + sender_key,
                  kExecQueryFailed);
     return 1;
   }
 
-  if (number_of(remembered) >= number_of(mem_limit)) {
+  count.evicts = count.remembered >= count.memory;
+  count.answers = true;
+  observer.answer_counted(count);
+  if (count.evicts) {
     const std::string oldest =
         first_value_or_exit(connection, "select MIN(time_resp) from resp_freq where rn_id=" + id,
                             kExecQueryFailed, "0")

@@ -3,16 +3,15 @@
 // a domain alias, in that order; the first lookup with a row decides and the
 // later ones are never sent.
 //
-// Owns each lookup's result while it is read. Fails by ending the run through
-// correct_exit(): a lookup that does not execute (or whose result cannot be
-// fetched) with "autoresponder: Unable to query: " and the server's text, an
-// unknown recipient with "autoresponder: Mailname not found: ".
+// Owns each lookup's result while it is read. Fails by ending the run
+// (Run_end) when a lookup does not execute (or its result cannot be fetched),
+// with "autoresponder: Unable to query: " and the server's text; an unknown
+// recipient is the caller's to report.
 #include "autoresponder/mailbox_resolution.h"
 
-#include <iostream>
+#include <iterator>
 
 #include "autoresponder/db_statement.h"
-#include "autoresponder/run.h"
 #include "lib/autoprepend.h"
 
 namespace {
@@ -49,6 +48,9 @@ std::string alias_in_domain_alias_lookup(const char* esc_domain, const char* esc
 using Lookup = std::string (*)(const char*, const char*);
 constexpr Lookup kLookups[] = {own_name_lookup, mail_alias_lookup, domain_alias_lookup,
                                alias_in_domain_alias_lookup};
+constexpr const char* kRouteNames[] = {"own name", "mail alias", "domain alias",
+                                       "mail alias in a domain alias"};
+static_assert(std::size(kRouteNames) == std::size(kLookups));
 
 // The three columns are never NULL in the panel schema; should one be NULL
 // all the same, it reads as the empty string rather than crashing the run. An
@@ -61,20 +63,18 @@ std::string column_text(const char* value) {
 
 }  // namespace
 
-Mailbox_ref resolve_mailbox(MYSQL* connection, const Mail_content& mail, const char* esc_domain,
-                            const char* esc_mailname) {
+std::optional<Mailbox_ref> resolve_mailbox(MYSQL* connection, const char* esc_domain,
+                                           const char* esc_mailname, const char** route) {
   MysqlResult result;
-  for (Lookup lookup : kLookups) {
-    result = select_or_exit(connection, lookup(esc_domain, esc_mailname), kQueryFailed);
-    if (mysql_num_rows(result.get()) != 0) break;
+  for (std::size_t i = 0; i < std::size(kLookups); ++i) {
+    result = select_or_exit(connection, kLookups[i](esc_domain, esc_mailname), kQueryFailed);
+    if (mysql_num_rows(result.get()) == 0) continue;
+    if (route != nullptr) *route = kRouteNames[i];
+    break;
   }
 
   MYSQL_ROW row = mysql_fetch_row(result.get());
-  if (row == nullptr) {
-    std::cerr << "autoresponder: Mailname not found: " << mail.to_mailname << "@" << mail.to_domain
-              << std::endl;
-    correct_exit();
-  }
+  if (row == nullptr) return std::nullopt;
 
   Mailbox_ref mailbox;
   mailbox.id = column_text(row[0]);

@@ -4,9 +4,8 @@
 
 #include <mysql.h>
 
+#include <optional>
 #include <string>
-
-#include "autoresponder/mail_content.h"
 
 struct Mailbox_ref {
   std::string id;           // m.id, decimal text, pasted unquoted into later statements
@@ -16,7 +15,9 @@ struct Mailbox_ref {
 };
 
 // Runs the four lookups in order on `connection` with the escaped recipient
-// halves; the first that yields a row decides. Ends the process through
-// correct_exit() when a lookup fails or nothing is found.
-Mailbox_ref resolve_mailbox(MYSQL* connection, const Mail_content& mail, const char* esc_domain,
-                            const char* esc_mailname);
+// halves; the first that yields a row decides, and `route`, when given,
+// receives its name: "own name", "mail alias", "domain alias", "mail alias in
+// a domain alias". nullopt when nothing is found; a lookup that fails ends the
+// run (Run_end).
+std::optional<Mailbox_ref> resolve_mailbox(MYSQL* connection, const char* esc_domain,
+                                           const char* esc_mailname, const char** route = nullptr);

@@ -6,8 +6,8 @@
 // Owns, for the whole routine, the two escaped recipient halves, the
 // connection and the rule result; on the normal path they are released in
 // that documented order: result, esc_domain, esc_mailname, connection. Fails
-// by ending the run through correct_exit() after one report line; the stages
-// it calls end the run themselves as they document.
+// by ending the run (Run_end) after one report line, which unwinds through
+// the same owners; the stages it calls end the run the same way.
 #include "autoresponder/responder.h"
 
 #include <iostream>
@@ -17,16 +17,16 @@
 #include "autoresponder/frequency.h"
 #include "autoresponder/mailbox_resolution.h"
 #include "autoresponder/rules.h"
-#include "autoresponder/run.h"
+#include "autoresponder/run_end.h"
 #include "lib/dbconnect.h"
 #include "lib/libcommon.h"
 #include "lib/mysql_handle.h"
 
-int db_mail_act(Mail_content* mail) {
+int db_mail_act(Mail_content* mail, const Run_seam& seam) {
   MysqlConnection connection(db_connect());
   if (!connection) {
     std::cerr << "autoresponder: Unable to connect to the mysql database " << std::endl;
-    correct_exit();
+    end_run();
   }
   // Escaped by the open connection, so by its character set and sql_mode: a
   // server that runs NO_BACKSLASH_ESCAPES reads a quote escaped as two
@@ -35,8 +35,19 @@ int db_mail_act(Mail_content* mail) {
   MallocChars esc_domain(escape_mysql_param(connection.get(), mail->to_domain.c_str()));
   MallocChars esc_mailname(escape_mysql_param(connection.get(), mail->to_mailname.c_str()));
 
-  const Mailbox_ref mailbox =
-      resolve_mailbox(connection.get(), *mail, esc_domain.get(), esc_mailname.get());
+  if (seam.roll_back) exec_or_exit(connection.get(), "START TRANSACTION", kExecQueryFailed);
+
+  const char* route = nullptr;
+  const std::optional<Mailbox_ref> found =
+      resolve_mailbox(connection.get(), esc_domain.get(), esc_mailname.get(), &route);
+  if (!found) {
+    seam.observer->mailbox_not_found();
+    std::cerr << "autoresponder: Mailname not found: " << mail->to_mailname << "@"
+              << mail->to_domain << std::endl;
+    end_run();
+  }
+  const Mailbox_ref& mailbox = *found;
+  seam.observer->mailbox_found(mailbox, route);
 
   MysqlResult rules = select_or_exit(
       connection.get(),
@@ -44,14 +55,21 @@ int db_mail_act(Mail_content* mail) {
       kExecQueryFailed);
   while (MYSQL_ROW row = mysql_fetch_row(rules.get())) {
     const Resp_rule rule = rule_from_row(row);
-    if (!rule_is_on(rule) || !rule_matches(rule, *mail)) continue;
-    if (can_response_freq(connection.get(), mail, rule.id, rule.ans_freq, rule.mem_limit) == 0) {
+    const bool on = rule_is_on(rule);
+    const bool matches = on && rule_matches(rule, *mail);
+    seam.observer->rule_seen(rule, on, matches);
+    if (!matches) continue;
+    if (can_response_freq(connection.get(), mail, rule.id, rule.ans_freq, rule.mem_limit,
+                          *seam.observer) == 0) {
       continue;
     }
-    answer_rule(connection.get(), *mail, mailbox, esc_domain.get(), rule);
+    answer_rule(connection.get(), *mail, mailbox, esc_domain.get(), rule, seam);
   }
 
   rules.reset();
+  // Closing without a commit would discard the changes too; the statement
+  // says so in the server's log.
+  if (seam.roll_back) exec_or_exit(connection.get(), "ROLLBACK", kExecQueryFailed);
   esc_domain.reset();
   esc_mailname.reset();
   connection.reset();

@@ -2,7 +2,9 @@
 #pragma once
 
 #include "autoresponder/mail_content.h"
+#include "autoresponder/run_seam.h"
 
 // Returns 0 when all rules have been processed; fatal conditions end the
-// process through correct_exit() or the message log.
-int db_mail_act(Mail_content* mail);
+// run by throwing Run_end (autoresponder/run_end.h).
+// Mails go to seam.sink, decisions to seam.observer.
+int db_mail_act(Mail_content* mail, const Run_seam& seam = {});

@@ -63,9 +63,16 @@ bool rule_is_on(const Resp_rule& rule) {
   return rule.resp_on != "false";
 }
 
+Key_place key_place(const Resp_rule& rule) {
+  if (rule.key_where == "subj") return Key_place::kSubject;
+  if (rule.key_where == "body") return Key_place::kBodyLines;
+  return Key_place::kNowhere;
+}
+
 bool rule_matches(const Resp_rule& rule, const Mail_content& mail) {
-  if (rule.key_where == "subj") return contains(mail.subject, rule.keystr);
-  if (rule.key_where == "body") {
+  const Key_place place = key_place(rule);
+  if (place == Key_place::kSubject) return contains(mail.subject, rule.keystr);
+  if (place == Key_place::kBodyLines) {
     // Line by line: a key spanning a line break never matches.
     return std::any_of(mail.body.begin(), mail.body.end(),
                        [&](const std::string& line) { return contains(line, rule.keystr); });

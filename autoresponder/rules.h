@@ -36,4 +36,6 @@ void strip_header_controls(std::string& value);
 // resp_on exactly "false" is off; key_where "subj" searches the subject,
 // "body" each body line; anything else matches every message.
 bool rule_is_on(const Resp_rule& rule);
+enum class Key_place { kSubject, kBodyLines, kNowhere };
+Key_place key_place(const Resp_rule& rule);
 bool rule_matches(const Resp_rule& rule, const Mail_content& mail);

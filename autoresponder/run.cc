@@ -4,8 +4,13 @@
 // broken-pipe handler and the database client library, panel configuration,
 // superuser ids), has the message taken in, refuses messages
 // that would start a mail loop, hands the rest to the responder and removes
-// the temporary files. Every path through here ends with exit status 0; only
-// the responder's answer stages end the process with status 1 themselves.
+// the temporary files. Every path through here ends with exit status 0,
+// except a fatal message of the answer stages, which ends it with status 1.
+//
+// The run ends here and nowhere else: a stage that must end it throws
+// Run_end (autoresponder/run_end.h), and every owner between the stage and
+// this entry (named lock, results, connection, message record) is released
+// on the way out before correct_exit() or exit(status).
 //
 // Exceptions: the intake and the responder report their own failures and
 // return, or end the process themselves. An exception that still escapes
@@ -28,6 +33,8 @@
 
 #include "autoresponder/intake.h"
 #include "autoresponder/responder.h"
+#include "autoresponder/robot_guards.h"
+#include "autoresponder/run_end.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/autoprepend.h"
 #include "lib/dbconnect.h"
@@ -52,26 +59,62 @@ void survive_broken_pipes() {
   (void)sigaction(SIGPIPE, &action, nullptr);
 }
 
-// Intake, loop guards and responder; returns when the run is over.
-void take_in_and_answer(Mail_content& mail) {
-  if (parse_message(&mail) != 0) {
-    std::cerr << "Abnormal exit." << std::endl;
-    return;
+void refuse(const std::string& line, const Run_seam& seam) {
+  seam.observer->refused(line);
+  std::cerr << line << std::endl;
+}
+
+// The run proper; returns the status of a fatal end, 0 otherwise.
+int run_to_its_end(Mail_content& mail) {
+  try {
+    Run_seam seam;
+    take_in_and_answer(mail, seam);
+  } catch (const Run_end& end) {
+    return end.status;
+  } catch (const std::bad_alloc&) {
+    std::cerr << "autoresponder: out of memory" << std::endl;
+  } catch (const std::exception& failure) {
+    std::cerr << "autoresponder: " << failure.what() << std::endl;
+  } catch (...) {
+    std::cerr << "autoresponder: unexpected failure" << std::endl;
   }
-  if (const char* refusal = loop_guard_refusal(mail)) {
-    std::cerr << refusal << std::endl;
-    return;
-  }
-  db_mail_act(&mail);
+  return 0;
 }
 
 }  // namespace
 
-void correct_exit() {
+Run_outcome take_in_and_answer(Mail_content& mail, Run_seam& seam) {
+  if (parse_message(&mail) != 0) {
+    std::cerr << "Abnormal exit." << std::endl;
+    return Run_outcome::kUnreadable;
+  }
+  if (const char* refusal = loop_guard_refusal(mail)) {
+    refuse(refusal, seam);
+    return Run_outcome::kRefused;
+  }
+  const bool guards_on = robot_guards_on();
+  if (guards_on) {
+    const Entity_headers fields = robot_fields(mail_file_name).value_or(Entity_headers{});
+    if (const auto refusal = robot_refusal(mail, fields)) {
+      refuse(*refusal, seam);
+      return Run_outcome::kRefused;
+    }
+    seam.reply_fields = auto_reply_fields(fields);
+  }
+  seam.observer->reply_fields(guards_on, seam.reply_fields);
+  db_mail_act(&mail, seam);
+  return Run_outcome::kAnswered;
+}
+
+void remove_temporary_files() {
   // Either name may still be the template (never created): unlink then
   // fails harmlessly.
   if (mail_file_name[0] != '\0') unlink(mail_file_name);
   if (resp_uu_file_name[0] != '\0') unlink(resp_uu_file_name);
+}
+
+void correct_exit() {
+  remove_temporary_files();
   std::exit(0);
 }
 
@@ -98,19 +141,17 @@ void run_autoresponder(int /*argc*/, char** argv) {
   }
   survive_broken_pipes();
   autoprepend();
-  // Lives until exit(): the responder keeps pointers into it.
-  Mail_content mail;
+  unwind_fatal_messages();
   // Without the privilege the run goes on with the ids it has.
   (void)!setuid(0);
   (void)!setgid(0);
-  try {
-    take_in_and_answer(mail);
-  } catch (const std::bad_alloc&) {
-    std::cerr << "autoresponder: out of memory" << std::endl;
-  } catch (const std::exception& failure) {
-    std::cerr << "autoresponder: " << failure.what() << std::endl;
-  } catch (...) {
-    std::cerr << "autoresponder: unexpected failure" << std::endl;
+  int status;
+  {
+    // Outlives every stage: the responder keeps pointers into it.
+    Mail_content mail;
+    status = run_to_its_end(mail);
   }
+  // A fatal end leaves the temporary files, as the message log always has.
+  if (status != 0) std::exit(status);
   correct_exit();
 }

@@ -70,27 +70,40 @@ bool name_is(std::string_view name, const char* wanted) {
   return name.size() == std::strlen(wanted) && strncasecmp(name.data(), wanted, name.size()) == 0;
 }
 
+// The fields a block keeps; the sender, subject, date and robot-guard fields
+// only in a message's block.
+struct Kept_field {
+  const char* name;
+  std::optional<std::string> Entity_headers::*slot;
+  bool message_only;
+};
+constexpr Kept_field kKeptFields[] = {
+    {"Content-Type", &Entity_headers::content_type, false},
+    {"Content-Transfer-Encoding", &Entity_headers::transfer_encoding, false},
+    {"Reply-To", &Entity_headers::reply_to, true},
+    {"From", &Entity_headers::from, true},
+    {"Subject", &Entity_headers::subject, true},
+    {"Date", &Entity_headers::date, true},
+    {"Auto-Submitted", &Entity_headers::auto_submitted, true},
+    {"Precedence", &Entity_headers::precedence, true},
+    {"List-Id", &Entity_headers::list_id, true},
+    {"List-Unsubscribe", &Entity_headers::list_unsubscribe, true},
+    {"List-Post", &Entity_headers::list_post, true},
+    {"Return-Path", &Entity_headers::return_path, true},
+    {"Message-ID", &Entity_headers::message_id, true},
+};
+
 // Where the first field of `name` goes, or null when the block does not keep
 // it (another name, a later field of the name, a part's sender fields).
 std::optional<std::string>* field_slot(Entity_headers& headers, Header_block_kind kind,
                                        std::string_view name) {
-  std::optional<std::string>* slot = nullptr;
-  if (name_is(name, "Content-Type")) {
-    slot = &headers.content_type;
-  } else if (name_is(name, "Content-Transfer-Encoding")) {
-    slot = &headers.transfer_encoding;
-  } else if (kind == Header_block_kind::kPart) {
-    return nullptr;
-  } else if (name_is(name, "Reply-To")) {
-    slot = &headers.reply_to;
-  } else if (name_is(name, "From")) {
-    slot = &headers.from;
-  } else if (name_is(name, "Subject")) {
-    slot = &headers.subject;
-  } else if (name_is(name, "Date")) {
-    slot = &headers.date;
+  for (const Kept_field& field : kKeptFields) {
+    if (!name_is(name, field.name)) continue;
+    if (field.message_only && kind == Header_block_kind::kPart) return nullptr;
+    std::optional<std::string>* slot = &(headers.*field.slot);
+    return slot->has_value() ? nullptr : slot;
   }
-  return slot != nullptr && !slot->has_value() ? slot : nullptr;
+  return nullptr;
 }
 
 }  // namespace

@@ -114,6 +114,14 @@ struct Entity_headers {
   // body (kMaxKeptFieldBody), so that its last address may be incomplete.
   bool reply_to_cut = false;
   bool from_cut = false;
+  // The fields of the opt-in robot guards (autoresponder/robot_guards.h).
+  std::optional<std::string> auto_submitted;
+  std::optional<std::string> precedence;
+  std::optional<std::string> list_id;
+  std::optional<std::string> list_unsubscribe;
+  std::optional<std::string> list_post;
+  std::optional<std::string> return_path;
+  std::optional<std::string> message_id;
 };
 
 // Reads the header block that starts at the reader's position and leaves the

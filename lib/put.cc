@@ -5,7 +5,8 @@
 // a "System error N: text" line whenever errno was non-zero at the call.
 // Owns nothing beyond one malloc buffer per call. A message that cannot get
 // its buffer is replaced by a fixed text; a non-zero status ends the process
-// with exit(status) after both streams were flushed.
+// with exit(status) after both streams were flushed, or by the end the
+// program has set (set_fatal_message_end).
 #include "lib/put.h"
 
 #include <cerrno>
@@ -17,6 +18,13 @@
 const char* PROGNAME = nullptr;
 
 namespace {
+
+Fatal_message_end fatal_message_end = nullptr;
+
+[[noreturn]] void end_fatally(int status) {
+  if (fatal_message_end != nullptr) fatal_message_end(status);
+  std::exit(status);
+}
 
 // Messages up to this size need no second formatting pass.
 constexpr std::size_t kInitialMessageSize = 4096;
@@ -69,7 +77,7 @@ int ex_messlog(const char* text, int status, int /*mess_out*/) {
 
   write_message(stderr, has_utility ? &utility : nullptr, message);
   write_message(stdout, has_utility ? &utility : nullptr, message);
-  if (status != 0) std::exit(status);
+  if (status != 0) end_fatally(status);
   return 0;
 }
 
@@ -109,12 +117,18 @@ void vmesslog2(int status, int mess_out, const char* format, va_list args) {
   ex_messlog(buffer, 0, mess_out);
   std::free(buffer);
   errno = saved_errno;
-  if (status != 0) std::exit(status);
+  if (status != 0) end_fatally(status);
 }
 
 void messlog2(int status, int mess_out, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  vmesslog2(status, mess_out, format, args);
+  // The list is closed before an end that may unwind.
+  vmesslog2(0, mess_out, format, args);
   va_end(args);
+  if (status != 0) end_fatally(status);
+}
+
+void set_fatal_message_end(Fatal_message_end end) {
+  fatal_message_end = end;
 }

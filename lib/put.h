@@ -20,3 +20,9 @@ void vmesslog2(int status, int mess_out, const char* format, va_list args)
 // Writes a finished text with the prefix on both streams; exits with `status`
 // when it is non-zero, else returns 0.
 int ex_messlog(const char* text, int status, int mess_out);
+
+// What a non-zero status does once both streams are flushed: exit(status)
+// unless a program has set another end, which must not return (a program
+// that owns resources throws, so that they unwind); null restores exit().
+using Fatal_message_end = void (*)(int status);
+void set_fatal_message_end(Fatal_message_end end);
