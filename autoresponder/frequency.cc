@@ -133,8 +133,9 @@ int attempt(const Check& check, const Count_policy& policy, bool retry_conflicts
                 << "; counting unserialised" << std::endl;
     }
   }
-  if (policy.lock_sender_row)
+  if (policy.lock_sender_row) {
     db.first_value("select num from resp_freq" + sender_key + " FOR UPDATE", "0");
+  }
 
   const auto answered = db.first_value("select num from resp_freq" + sender_key, "0");
   if (answered) {

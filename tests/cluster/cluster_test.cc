@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "autoresponder/frequency.h"
 #include "lib/mysql_handle.h"
 #include "tests/harness/harness.h"
 
@@ -167,6 +168,20 @@ TEST_F(Cluster, AMissingUniqueKeyIsReportedOncePerRun) {
               "answered on two hosts at once may be counted twice\n");
   }
   EXPECT_EQ(replies(), (Answers{{{1, "a@x"}, 1}, {{2, "a@x"}, 3}}));
+}
+
+// A cluster node's count, tried and rolled back: it tells what it would do
+// and leaves the table as it was.
+TEST_F(Cluster, ATrialCountChangesNothing) {
+  exec("INSERT INTO resp_freq (rn_id, email, num) VALUES (2, 'known@x', 2)");
+  const Count_policy policy = count_policy_for(root(2));
+  EXPECT_TRUE(policy.in_transaction && policy.lock_sender_row);
+  for (const char* from : {"known@x", "new@x"}) {
+    Mail_content mail;
+    mail.from = from;
+    EXPECT_EQ(can_response_freq(root(2), &mail, "2", "3", "1000", trial_of(policy)), 1) << from;
+  }
+  EXPECT_EQ(counted(1), (Answers{{{2, "known@x"}, 2}}));
 }
 
 TEST_F(Cluster, AKilledNodeLeavesTheOthersExact) {
