@@ -101,6 +101,7 @@ struct Check {
   const std::string& escaped_sender;
   long max_answers;
   const std::string& mem_limit;
+  bool& lock_reported;  // a check run again reports a lock it cannot have once
 };
 
 // One run of the check's statements under `policy`.
@@ -129,8 +130,11 @@ int attempt(const Check& check, const Count_policy& policy, bool retry_conflicts
                  kAnswerCountLockTimeout);
     if (!lock->held()) {
       if (db.lost_a_conflict()) throw Count_conflict{};
-      std::cerr << "autoresponder: Unable to lock the answer count of rule " << check.id
-                << "; counting unserialised" << std::endl;
+      if (!check.lock_reported) {
+        check.lock_reported = true;
+        std::cerr << "autoresponder: Unable to lock the answer count of rule " << check.id
+                  << "; counting unserialised" << std::endl;
+      }
     }
   }
   if (policy.lock_sender_row) {
@@ -243,7 +247,9 @@ int can_response_freq(MYSQL* connection, Mail_content* mail, std::string id, std
                       std::string mem_limit, const Count_policy& policy) {
   MallocChars escaped_sender(escape_mysql_param(connection, mail->from.c_str()));
   const std::string escaped(escaped_sender ? escaped_sender.get() : "");
-  const Check check{connection, id, mail->from, escaped, number_of(ans_freq), mem_limit};
+  bool lock_reported = false;
+  const Check check{connection,          id,        mail->from,   escaped,
+                    number_of(ans_freq), mem_limit, lock_reported};
   if (!policy.in_transaction) return attempt(check, policy, false, true);
 
   for (int retry = 0; retry <= kCountConflictRetries; ++retry) {
