@@ -59,8 +59,12 @@ int db_mail_act(Mail_content* mail, const Run_seam& seam) {
     const bool matches = on && rule_matches(rule, *mail);
     seam.observer->rule_seen(rule, on, matches);
     if (!matches) continue;
+    // A run that must change nothing counts in a transaction that is rolled
+    // back (on a cluster node the check's own transaction ends the outer one).
+    const Count_policy count_policy = seam.roll_back ? trial_of(count_policy_for(connection.get()))
+                                                     : count_policy_for(connection.get());
     if (can_response_freq(connection.get(), mail, rule.id, rule.ans_freq, rule.mem_limit,
-                          *seam.observer) == 0) {
+                          count_policy, *seam.observer) == 0) {
       continue;
     }
     answer_rule(connection.get(), *mail, mailbox, esc_domain.get(), rule, seam);

@@ -7,6 +7,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config clang-format
   libmariadb-dev libssl-dev mariadb-server mariadb-client
+  galera-4 rsync iproute2
   libgmime-3.0-dev libidn-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
