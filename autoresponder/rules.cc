@@ -7,7 +7,6 @@
 // permissive reading (on; applies to every message).
 #include "autoresponder/rules.h"
 
-#include <algorithm>
 #include <string_view>
 
 const char kRuleColumns[] =
@@ -50,8 +49,7 @@ bool rule_matches(const Resp_rule& rule, const Mail_content& mail) {
   if (rule.key_where == "subj") return contains(mail.subject, rule.keystr);
   if (rule.key_where == "body") {
     // Line by line: a key spanning a line break never matches.
-    return std::any_of(mail.body.begin(), mail.body.end(),
-                       [&](const std::string& line) { return contains(line, rule.keystr); });
+    return mail.body.line_contains(rule.keystr);
   }
   return true;
 }

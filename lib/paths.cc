@@ -23,14 +23,17 @@ const char kDatabytesFile[] = ROOT_PREFIX
 const char kMailnamesDefault[] = ROOT_PREFIX "/var/qmail/mailnames";
 const char kMailTemplate[] = ROOT_PREFIX "/tmp/ovk-autoresponder-XXXXXX";
 const char kResponseTemplate[] = ROOT_PREFIX "/tmp/ovk-response-uu-XXXXXX";
+const char kBodyTemplate[] = ROOT_PREFIX "/tmp/ovk-autoresponder-body-XXXXXX";
 const char kDevNull[] = "/dev/null";
 
 }  // namespace orvik::paths
 
 char mail_file_name[] = ROOT_PREFIX "/tmp/ovk-autoresponder-XXXXXX";
 char resp_uu_file_name[] = ROOT_PREFIX "/tmp/ovk-response-uu-XXXXXX";
+char body_file_name[] = ROOT_PREFIX "/tmp/ovk-autoresponder-body-XXXXXX";
 const std::size_t kMailFileNameSize = sizeof(mail_file_name);
 const std::size_t kRespUuFileNameSize = sizeof(resp_uu_file_name);
+const std::size_t kBodyFileNameSize = sizeof(body_file_name);
 
 // The panel configuration's compile-time defaults (lib/autoprepend.h), by
 // index of OvkConfVarIndexT. The program itself uses only the mailbox root.

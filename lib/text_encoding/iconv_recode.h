@@ -1,7 +1,9 @@
 // Charset conversion through the system's iconv.
 #pragma once
 
+#include <functional>
 #include <string>
+#include <string_view>
 
 namespace orvik {
 
@@ -13,5 +15,35 @@ namespace orvik {
 // character), "Closing conversion from F to utf-8 failed".
 std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,
                         bool skipInvalid);
+
+// The same conversion over a text that arrives in pieces: the result handed
+// to a sink in pieces, memory independent of the text's length. A character
+// cut between two pieces is held back until the next one completes it, so the
+// output is the one iconvRecode gives for the pieces joined. Throws the same
+// texts: the constructor for an unknown pair, feed for a conversion error,
+// finish for input ending inside a character and for a failed close.
+class Iconv_stream {
+ public:
+  using Sink = std::function<void(std::string_view)>;
+
+  Iconv_stream(const std::string& from, const std::string& to, bool skipInvalid);
+  Iconv_stream(const Iconv_stream&) = delete;
+  Iconv_stream& operator=(const Iconv_stream&) = delete;
+  ~Iconv_stream();
+
+  void feed(std::string_view piece, const Sink& sink);
+  void finish();
+
+ private:
+  // Converts what it can; returns how many bytes at the end start a
+  // character that the input does not complete.
+  std::size_t convert(const char* data, std::size_t size, const Sink& sink);
+
+  void* cd_;
+  std::string from_;
+  std::string to_;
+  bool skip_invalid_;
+  std::string pending_;  // the start of a character cut by the end of a piece
+};
 
 }  // namespace orvik
