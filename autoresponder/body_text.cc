@@ -1,7 +1,7 @@
 // The text body kept in its file: bounded search, lines on demand.
 //
-// Owns the file's descriptor and name through one shared record, so copies
-// of a Mail_content share the file and the last one removes it. Reads with
+// Owns the file's descriptor through one shared record, so copies of a
+// Mail_content share the file and the last one closes it. Reads with
 // pread, so searches and iterations never disturb each other. A read error
 // ends the text for the reader, as its end does.
 #include "autoresponder/body_text.h"
@@ -11,18 +11,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 struct Body_text::File {
   int fd;
-  std::string path;
-  File(int fd_in, std::string path_in) : fd(fd_in), path(std::move(path_in)) {}
+  explicit File(int fd_in) : fd(fd_in) {}
   File(const File&) = delete;
   File& operator=(const File&) = delete;
-  ~File() {
-    close(fd);
-    unlink(path.c_str());
-  }
+  ~File() { close(fd); }
 };
 
 namespace {
@@ -36,8 +31,7 @@ ssize_t read_at(int fd, char* into, std::size_t size, off_t at) {
 
 }  // namespace
 
-Body_text::Body_text(int fd, std::string path)
-    : file_(std::make_shared<const File>(fd, std::move(path))) {}
+Body_text::Body_text(int fd) : file_(std::make_shared<const File>(fd)) {}
 
 int Body_text::fd() const {
   return file_ ? file_->fd : -1;

@@ -1,6 +1,8 @@
 // The text body of the incoming message in UTF-8, kept in a file for the run
-// and read back on demand: the intake writes it once (body_file_name,
-// lib/paths.h), the rules search it, and nothing holds it whole.
+// and read back on demand: the intake writes it once, the rules search it,
+// and nothing holds it whole. The file has no name: the intake removes it as
+// soon as it is open (orvik::paths::kBodyTemplate), so no path of the run,
+// a crash included, can leave it behind.
 //
 // The body is a sequence of lines: the pieces between line feeds, the one
 // after the last line feed too, so there is always one line more than the
@@ -23,10 +25,9 @@ class Body_text {
   // No body at all, not even an empty line: the record before the intake
   // has filled it.
   Body_text() = default;
-  // Takes `fd` (open for reading) and the file named `path`: the descriptor
-  // is closed and the file removed when the last copy of this body goes. The
-  // run itself ends with exit(), so there the run's clean-up removes it.
-  Body_text(int fd, std::string path);
+  // Takes `fd`, open for reading: it is closed when the last copy of this
+  // body goes.
+  explicit Body_text(int fd);
 
   // Whether some line holds `key`: an empty key is in every line, a key with
   // a line feed in none.

@@ -6,8 +6,9 @@
 // run's clean-up. The message is then read from that file in bounded memory:
 // the fields the record needs from its header block, and the selected text
 // body (body_selection), which is decoded, converted to UTF-8 and written in
-// pieces to a second file made from body_file_name (kept for the rules,
-// removed by the run's clean-up like the stored message). Memory grows with
+// pieces to a second file, made from kBodyTemplate and removed as soon as it
+// is open, so that only its descriptor (kept for the rules) holds it and the
+// run leaves the same files behind as ever. Memory grows with
 // those fields only, never with the text, the message's other headers,
 // parts, nesting or size.
 //
@@ -227,13 +228,13 @@ int parse_message(Mail_content* mail) {
   const std::string date_text = message.date.value_or("");
 
   const Text_body text = SelectStoredTextBody(reader, message);
-  std::strcpy(body_file_name, orvik::paths::kBodyTemplate);
-  Unique_fd body_file(mkstemp(body_file_name));
+  std::string body_file_name = orvik::paths::kBodyTemplate;
+  Unique_fd body_file(mkstemp(body_file_name.data()));
   if (!body_file) {
-    std::strcpy(body_file_name, orvik::paths::kBodyTemplate);
     std::cerr << "Could not create a temporary file." << std::endl;
     return 1;
   }
+  unlink(body_file_name.c_str());
   Body_writer body(body_file.get());
   write_text_body(reader, text, body);
 
@@ -248,6 +249,6 @@ int parse_message(Mail_content* mail) {
   }
   mail->date = date_text;
   mail->charset = text.charset;
-  mail->body = Body_text(body_file.release(), body_file_name);
+  mail->body = Body_text(body_file.release());
   return 0;
 }

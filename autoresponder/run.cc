@@ -55,7 +55,6 @@ void correct_exit() {
   // fails harmlessly.
   if (mail_file_name[0] != '\0') unlink(mail_file_name);
   if (resp_uu_file_name[0] != '\0') unlink(resp_uu_file_name);
-  if (body_file_name[0] != '\0') unlink(body_file_name);
   std::exit(0);
 }
 

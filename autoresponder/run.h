@@ -3,8 +3,8 @@
 
 #include "autoresponder/mail_content.h"
 
-// Removes the temporary files named in mail_file_name, resp_uu_file_name and
-// body_file_name (lib/paths.h) and ends the process with status 0.
+// Removes the two temporary files named in mail_file_name and
+// resp_uu_file_name (lib/paths.h) and ends the process with status 0.
 [[noreturn]] void correct_exit();
 
 // The whole run as the mail system starts it; never returns.

@@ -30,10 +30,8 @@ const char kDevNull[] = "/dev/null";
 
 char mail_file_name[] = ROOT_PREFIX "/tmp/ovk-autoresponder-XXXXXX";
 char resp_uu_file_name[] = ROOT_PREFIX "/tmp/ovk-response-uu-XXXXXX";
-char body_file_name[] = ROOT_PREFIX "/tmp/ovk-autoresponder-body-XXXXXX";
 const std::size_t kMailFileNameSize = sizeof(mail_file_name);
 const std::size_t kRespUuFileNameSize = sizeof(resp_uu_file_name);
-const std::size_t kBodyFileNameSize = sizeof(body_file_name);
 
 // The panel configuration's compile-time defaults (lib/autoprepend.h), by
 // index of OvkConfVarIndexT. The program itself uses only the mailbox root.

@@ -20,18 +20,15 @@ extern const char kDatabytesFile[];     // size limit: /var/qmail/control/databy
 extern const char kMailnamesDefault[];  // default mailbox root: /var/qmail/mailnames
 extern const char kMailTemplate[];      // /tmp/ovk-autoresponder-XXXXXX
 extern const char kResponseTemplate[];  // /tmp/ovk-response-uu-XXXXXX
-extern const char kBodyTemplate[];      // /tmp/ovk-autoresponder-body-XXXXXX
+extern const char kBodyTemplate[];      // /tmp/ovk-autoresponder-body-XXXXXX, removed once open
 extern const char kDevNull[];           // /dev/null, never relocated
 
 }  // namespace orvik::paths
 
-// The run's temporary-file names (see autoresponder/run.h): the stored
-// message, the composed reply and the decoded text body. Writable buffers
-// exactly as long as their template plus the terminating NUL; mkstemp
+// The run's two temporary-file names (see autoresponder/run.h). Writable
+// buffers exactly as long as their template plus the terminating NUL; mkstemp
 // completes them in place. They hold either the template or the generated name.
 extern char mail_file_name[];
 extern char resp_uu_file_name[];
-extern char body_file_name[];
 extern const std::size_t kMailFileNameSize;
 extern const std::size_t kRespUuFileNameSize;
-extern const std::size_t kBodyFileNameSize;

@@ -71,8 +71,9 @@ Body_text body_of(const std::string& text) {
   std::string path = (std::filesystem::temp_directory_path() / "body-text-XXXXXX").string();
   const int fd = mkstemp(path.data());
   EXPECT_GE(fd, 0);
+  unlink(path.c_str());
   EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  return Body_text(fd, path);
+  return Body_text(fd);
 }
 
 constexpr std::size_t kBlock = Body_text::kReadBlock;
