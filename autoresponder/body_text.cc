@@ -20,21 +20,16 @@ struct Body_text::File {
   ~File() { close(fd); }
 };
 
-namespace {
+Body_text::Body_text(int fd, off_t start, off_t end)
+    : file_(std::make_shared<const File>(fd)), start_(start), end_(end) {}
 
-ssize_t read_at(int fd, char* into, std::size_t size, off_t at) {
+ssize_t Body_text::read_at(char* into, std::size_t size, off_t at) const {
+  if (!file_ || at >= end_ - start_) return 0;
+  size = static_cast<std::size_t>(std::min<off_t>(static_cast<off_t>(size), end_ - start_ - at));
   for (;;) {
-    const ssize_t got = pread(fd, into, size, at);
+    const ssize_t got = pread(file_->fd, into, size, start_ + at);
     if (got >= 0 || errno != EINTR) return got < 0 ? 0 : got;
   }
-}
-
-}  // namespace
-
-Body_text::Body_text(int fd) : file_(std::make_shared<const File>(fd)) {}
-
-int Body_text::fd() const {
-  return file_ ? file_->fd : -1;
 }
 
 bool Body_text::line_contains(std::string_view key) const {
@@ -48,7 +43,7 @@ bool Body_text::line_contains(std::string_view key) const {
   std::size_t held = 0;
   off_t at = 0;
   for (;;) {
-    const ssize_t got = read_at(fd(), window.data() + held, kReadBlock, at);
+    const ssize_t got = read_at(window.data() + held, kReadBlock, at);
     if (got <= 0) return false;
     at += got;
     held += static_cast<std::size_t>(got);
@@ -71,7 +66,7 @@ Body_text::const_iterator& Body_text::const_iterator::operator++() {
   line_.clear();
   char block[4096];
   for (;;) {
-    const ssize_t got = read_at(body_->fd(), block, sizeof block, next_);
+    const ssize_t got = body_->read_at(block, sizeof block, next_);
     if (got <= 0) {
       next_ = -1;  // the last line: no line feed after it
       return *this;
@@ -92,7 +87,7 @@ std::size_t Body_text::size() const {
   std::size_t lines = 1;
   std::string block(kReadBlock, '\0');
   off_t at = 0;
-  for (ssize_t got; (got = read_at(fd(), block.data(), block.size(), at)) > 0; at += got) {
+  for (ssize_t got; (got = read_at(block.data(), block.size(), at)) > 0; at += got) {
     lines += static_cast<std::size_t>(std::count(block.data(), block.data() + got, '\n'));
   }
   return lines;

@@ -9,6 +9,8 @@
 // text has line feeds. It never holds a NUL byte.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <iterator>
 #include <memory>
@@ -26,8 +28,10 @@ class Body_text {
   // has filled it.
   Body_text() = default;
   // Takes `fd`, open for reading: it is closed when the last copy of this
-  // body goes.
-  explicit Body_text(int fd);
+  // body goes. The text is the file's bytes from `start` up to `end` or the
+  // file's end, whichever comes first.
+  static constexpr off_t kToTheEnd = static_cast<off_t>(~0ULL >> 1);
+  explicit Body_text(int fd, off_t start = 0, off_t end = kToTheEnd);
 
   // Whether some line holds `key`: an empty key is in every line, a key with
   // a line feed in none.
@@ -66,7 +70,11 @@ class Body_text {
 
  private:
   struct File;
-  int fd() const;
+  // Reads at `at` bytes into the text, never past its end; 0 at the end
+  // and on a read error.
+  ssize_t read_at(char* into, std::size_t size, off_t at) const;
 
   std::shared_ptr<const File> file_;
+  off_t start_ = 0;
+  off_t end_ = 0;
 };

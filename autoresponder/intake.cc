@@ -8,7 +8,9 @@
 // body (body_selection), which is decoded, converted to UTF-8 and written in
 // pieces to a second file, made from kBodyTemplate and removed as soon as it
 // is open, so that only its descriptor (kept for the rules) holds it and the
-// run leaves the same files behind as ever. Memory grows with
+// run leaves the same files behind as ever. A text that is its own converted
+// form (ASCII, not transfer-encoded) is not copied: the body is then its
+// stretch of the stored message. Memory grows with
 // those fields only, never with the text, the message's other headers,
 // parts, nesting or size.
 //
@@ -148,6 +150,30 @@ class Body_writer {
   bool failed_ = false;
 };
 
+// The end of the text when it is its own converted form, so that the stored
+// message itself can serve as the body file: no transfer decoding, a charset
+// in which ASCII converts to itself, and only ASCII bytes up to the text's
+// end or its first NUL byte. Reads the text once; nullopt otherwise.
+std::optional<off_t> unchanged_text_end(const Stored_message_reader& reader,
+                                        const Text_body& text) {
+  if (text.decoding != Transfer_decoding::kNone ||
+      !orvik::AsciiConvertsToItself(text.charset, "UTF-8")) {
+    return std::nullopt;
+  }
+  off_t end = text.start;
+  bool ascii = true;
+  reader.read_range(text.start, text.end, [&](const char* data, std::size_t size) {
+    const void* nul = std::memchr(data, '\0', size);
+    const std::size_t length = nul == nullptr ? size : static_cast<const char*>(nul) - data;
+    unsigned char bits = 0;
+    for (std::size_t i = 0; i < length; ++i) bits |= static_cast<unsigned char>(data[i]);
+    ascii = bits < 0x80;
+    end += static_cast<off_t>(length);
+    return ascii && nul == nullptr;
+  });
+  return ascii ? std::optional<off_t>(end) : std::nullopt;
+}
+
 // Writes the selected text body, transfer-decoded, up to its first NUL byte
 // and converted from its charset to UTF-8, to `out`; when the conversion
 // fails, reports it and writes the text as decoded instead. Each step takes
@@ -228,15 +254,23 @@ int parse_message(Mail_content* mail) {
   const std::string date_text = message.date.value_or("");
 
   const Text_body text = SelectStoredTextBody(reader, message);
-  std::string body_file_name = orvik::paths::kBodyTemplate;
-  Unique_fd body_file(mkstemp(body_file_name.data()));
-  if (!body_file) {
-    std::cerr << "Could not create a temporary file." << std::endl;
-    return 1;
+  Body_text body;
+  const std::optional<off_t> unchanged_end = unchanged_text_end(reader, text);
+  const int stored_copy = unchanged_end ? fcntl(spool.get(), F_DUPFD_CLOEXEC, 0) : -1;
+  if (stored_copy >= 0) {
+    body = Body_text(stored_copy, text.start, *unchanged_end);
+  } else {
+    std::string body_file_name = orvik::paths::kBodyTemplate;
+    Unique_fd body_file(mkstemp(body_file_name.data()));
+    if (!body_file) {
+      std::cerr << "Could not create a temporary file." << std::endl;
+      return 1;
+    }
+    unlink(body_file_name.c_str());
+    Body_writer writer(body_file.get());
+    write_text_body(reader, text, writer);
+    body = Body_text(body_file.release());
   }
-  unlink(body_file_name.c_str());
-  Body_writer body(body_file.get());
-  write_text_body(reader, text, body);
 
   mail->from = up_to_nul(sender->local_part + "@" + sender->domain);
   mail->to = recipient;
@@ -249,6 +283,6 @@ int parse_message(Mail_content* mail) {
   }
   mail->date = date_text;
   mail->charset = text.charset;
-  mail->body = Body_text(body_file.release());
+  mail->body = std::move(body);
   return 0;
 }

@@ -12,6 +12,8 @@
 
 #include <iconv.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <stdexcept>
 
@@ -22,10 +24,33 @@ namespace {
 constexpr std::size_t kPassBufferSize = 4096;
 const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
 
+// Charsets (names upper-cased, "-" and "_" removed) that map every byte below
+// 0x80 to that ASCII character, whatever comes before or after it: in them an
+// ASCII byte can neither continue nor start a multibyte sequence.
+bool passes_ascii(const std::string& name) {
+  std::string key;
+  for (const char c : name) {
+    if (c != '-' && c != '_') key += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  }
+  static constexpr std::string_view kNames[] = {
+      "USASCII",     "ASCII",       "UTF8",        "ISO88591",  "ISO88592",  "ISO88594",
+      "ISO88595",    "ISO88597",    "ISO88599",    "ISO885913", "ISO885915", "LATIN1",
+      "WINDOWS1250", "WINDOWS1251", "WINDOWS1252", "KOI8R"};
+  return std::find(std::begin(kNames), std::end(kNames), key) != std::end(kNames);
+}
+
+bool is_ascii(char c) {
+  return static_cast<unsigned char>(c) < 0x80;
+}
+
 }  // namespace
 
 Iconv_stream::Iconv_stream(const std::string& from, const std::string& to, bool skipInvalid)
-    : cd_(iconv_open(to.c_str(), from.c_str())), from_(from), to_(to), skip_invalid_(skipInvalid) {
+    : cd_(iconv_open(to.c_str(), from.c_str())),
+      from_(from),
+      to_(to),
+      skip_invalid_(skipInvalid),
+      ascii_passes_(passes_ascii(from) && passes_ascii(to)) {
   if (static_cast<iconv_t>(cd_) == kNoDescriptor) {
     throw std::runtime_error("Cannot convert from " + from + " to " + to);
   }
@@ -68,7 +93,38 @@ std::size_t Iconv_stream::convert(const char* data, std::size_t size, const Sink
   return 0;
 }
 
+void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
+  while (!piece.empty()) {
+    if (!pending_.empty()) {
+      // A cut character waits: it is completed, or found invalid, by the
+      // bytes up to the next ASCII byte, which itself ends every sequence.
+      const auto ascii = std::find_if(piece.begin(), piece.end(), is_ascii);
+      const std::size_t take = ascii == piece.end() ? piece.size() : ascii - piece.begin() + 1;
+      pending_.append(piece.substr(0, take));
+      piece.remove_prefix(take);
+      const std::size_t rest = convert(pending_.data(), pending_.size(), sink);
+      pending_.erase(0, pending_.size() - rest);
+      continue;
+    }
+    const auto other = std::find_if_not(piece.begin(), piece.end(), is_ascii);
+    const std::size_t run = static_cast<std::size_t>(other - piece.begin());
+    if (run > 0) sink(piece.substr(0, run));
+    piece.remove_prefix(run);
+    if (piece.empty()) return;
+    // Up to and with the next ASCII byte: nothing is cut there.
+    const auto ascii = std::find_if(piece.begin(), piece.end(), is_ascii);
+    const std::size_t take = ascii == piece.end() ? piece.size() : ascii - piece.begin() + 1;
+    const std::size_t rest = convert(piece.data(), take, sink);
+    pending_.assign(piece.substr(take - rest, rest));
+    piece.remove_prefix(take);
+  }
+}
+
 void Iconv_stream::feed(std::string_view piece, const Sink& sink) {
+  if (ascii_passes_) {
+    feed_ascii_runs(piece, sink);
+    return;
+  }
   if (pending_.empty()) {
     const std::size_t rest = convert(piece.data(), piece.size(), sink);
     pending_.assign(piece.substr(piece.size() - rest));
@@ -84,6 +140,10 @@ void Iconv_stream::finish() {
   const int rc = iconv_close(static_cast<iconv_t>(cd_));
   cd_ = kNoDescriptor;
   if (rc != 0) throw std::runtime_error("Closing conversion from " + from_ + " to utf-8 failed");
+}
+
+bool AsciiConvertsToItself(const std::string& from, const std::string& to) {
+  return passes_ascii(from) && passes_ascii(to);
 }
 
 std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,

@@ -16,6 +16,11 @@ namespace orvik {
 std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,
                         bool skipInvalid);
 
+// Whether every text of ASCII bytes only converts from `from` to `to` as
+// itself (a short list of charsets known to map each ASCII byte to itself
+// without shift states; false for any other).
+bool AsciiConvertsToItself(const std::string& from, const std::string& to);
+
 // The same conversion over a text that arrives in pieces: the result handed
 // to a sink in pieces, memory independent of the text's length. A character
 // cut between two pieces is held back until the next one completes it, so the
@@ -38,11 +43,16 @@ class Iconv_stream {
   // Converts what it can; returns how many bytes at the end start a
   // character that the input does not complete.
   std::size_t convert(const char* data, std::size_t size, const Sink& sink);
+  // Hands on the piece's runs of ASCII bytes unchanged and converts the rest.
+  void feed_ascii_runs(std::string_view piece, const Sink& sink);
 
   void* cd_;
   std::string from_;
   std::string to_;
   bool skip_invalid_;
+  // Both charsets are ones in which every ASCII byte is a character of its
+  // own that means itself, without shift states: ASCII runs need no iconv.
+  bool ascii_passes_;
   std::string pending_;  // the start of a character cut by the end of a piece
 };
 
