@@ -254,11 +254,15 @@ int parse_message(Mail_content* mail) {
   const std::string date_text = message.date.value_or("");
 
   const Text_body text = SelectStoredTextBody(reader, message);
+  // errno after the intake is what the conversion of the text leaves (later
+  // reports may show it), whatever the body file's calls did to it.
+  const int errno_before = errno;
   Body_text body;
   const std::optional<off_t> unchanged_end = unchanged_text_end(reader, text);
   const int stored_copy = unchanged_end ? fcntl(spool.get(), F_DUPFD_CLOEXEC, 0) : -1;
   if (stored_copy >= 0) {
     body = Body_text(stored_copy, text.start, *unchanged_end);
+    errno = *unchanged_end > text.start ? 0 : errno_before;
   } else {
     std::string body_file_name = orvik::paths::kBodyTemplate;
     Unique_fd body_file(mkstemp(body_file_name.data()));
@@ -267,6 +271,7 @@ int parse_message(Mail_content* mail) {
       return 1;
     }
     unlink(body_file_name.c_str());
+    errno = errno_before;
     Body_writer writer(body_file.get());
     write_text_body(reader, text, writer);
     body = Body_text(body_file.release());

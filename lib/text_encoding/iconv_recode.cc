@@ -108,7 +108,11 @@ void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
     }
     const auto other = std::find_if_not(piece.begin(), piece.end(), is_ascii);
     const std::size_t run = static_cast<std::size_t>(other - piece.begin());
-    if (run > 0) sink(piece.substr(0, run));
+    if (run > 0) {
+      // errno as iconv leaves it after converting the run.
+      errno = 0;
+      sink(piece.substr(0, run));
+    }
     piece.remove_prefix(run);
     if (piece.empty()) return;
     // Up to and with the next ASCII byte: nothing is cut there.
