@@ -27,11 +27,16 @@ const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
 // Charsets (names upper-cased, "-" and "_" removed) that map every byte below
 // 0x80 to that ASCII character, whatever comes before or after it: in them an
 // ASCII byte can neither continue nor start a multibyte sequence.
-bool passes_ascii(const std::string& name) {
+std::string name_key(const std::string& name) {
   std::string key;
   for (const char c : name) {
     if (c != '-' && c != '_') key += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   }
+  return key;
+}
+
+bool passes_ascii(const std::string& name) {
+  const std::string key = name_key(name);
   static constexpr std::string_view kNames[] = {
       "USASCII",     "ASCII",       "UTF8",        "ISO88591",  "ISO88592",  "ISO88594",
       "ISO88595",    "ISO88597",    "ISO88599",    "ISO885913", "ISO885915", "LATIN1",
@@ -39,9 +44,10 @@ bool passes_ascii(const std::string& name) {
   return std::find(std::begin(kNames), std::end(kNames), key) != std::end(kNames);
 }
 
-bool is_ascii(char c) {
-  return static_cast<unsigned char>(c) < 0x80;
-}
+// ASCII runs shorter than this between other bytes go through iconv.
+constexpr std::size_t kShortAsciiRun = 256;
+
+constexpr auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
 
 }  // namespace
 
@@ -50,7 +56,13 @@ Iconv_stream::Iconv_stream(const std::string& from, const std::string& to, bool 
       from_(from),
       to_(to),
       skip_invalid_(skipInvalid),
-      ascii_passes_(passes_ascii(from) && passes_ascii(to)) {
+      ascii_passes_(passes_ascii(from) && passes_ascii(to)),
+      direct_(Direct::kNone) {
+  if (skipInvalid && name_key(to) == "UTF8") {
+    const std::string key = name_key(from);
+    if (key == "USASCII" || key == "ASCII") direct_ = Direct::kAscii;
+    if (key == "ISO88591" || key == "LATIN1") direct_ = Direct::kLatin1;
+  }
   if (static_cast<iconv_t>(cd_) == kNoDescriptor) {
     throw std::runtime_error("Cannot convert from " + from + " to " + to);
   }
@@ -115,16 +127,55 @@ void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
     }
     piece.remove_prefix(run);
     if (piece.empty()) return;
-    // Up to and with the next ASCII byte: nothing is cut there.
-    const auto ascii = std::find_if(piece.begin(), piece.end(), is_ascii);
-    const std::size_t take = ascii == piece.end() ? piece.size() : ascii - piece.begin() + 1;
+    // Through short ASCII runs (each iconv call costs more than a few bytes)
+    // up to and with the first byte of a long one or of the piece's last
+    // one: nothing is cut after an ASCII byte.
+    std::size_t take = piece.size();
+    for (auto at = piece.begin(); (at = std::find_if(at, piece.end(), is_ascii)) != piece.end();) {
+      const auto other = std::find_if_not(at, piece.end(), is_ascii);
+      if (other == piece.end() || other - at >= static_cast<std::ptrdiff_t>(kShortAsciiRun)) {
+        take = static_cast<std::size_t>(at - piece.begin()) + 1;
+        break;
+      }
+      at = other;
+    }
     const std::size_t rest = convert(piece.data(), take, sink);
     pending_.assign(piece.substr(take - rest, rest));
     piece.remove_prefix(take);
   }
 }
 
+void Iconv_stream::feed_bytes(std::string_view piece, const Sink& sink) {
+  char buffer[kPassBufferSize];
+  std::size_t held = 0;
+  for (const char c : piece) {
+    if (held + 2 > sizeof buffer) {
+      sink({buffer, held});
+      held = 0;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x80) {
+      buffer[held++] = c;
+    } else if (direct_ == Direct::kAscii) {
+      buffer[held++] = '?';
+    } else {
+      buffer[held++] = static_cast<char>(0xc0 | (byte >> 6));
+      buffer[held++] = static_cast<char>(0x80 | (byte & 0x3f));
+    }
+  }
+  if (held > 0) sink({buffer, held});
+  // errno as iconv leaves it: EILSEQ when the last byte was skipped.
+  if (!piece.empty()) {
+    const bool skipped = direct_ == Direct::kAscii && !is_ascii(piece.back());
+    errno = skipped ? EILSEQ : 0;
+  }
+}
+
 void Iconv_stream::feed(std::string_view piece, const Sink& sink) {
+  if (direct_ != Direct::kNone) {
+    feed_bytes(piece, sink);
+    return;
+  }
   if (ascii_passes_) {
     feed_ascii_runs(piece, sink);
     return;

@@ -45,6 +45,8 @@ class Iconv_stream {
   std::size_t convert(const char* data, std::size_t size, const Sink& sink);
   // Hands on the piece's runs of ASCII bytes unchanged and converts the rest.
   void feed_ascii_runs(std::string_view piece, const Sink& sink);
+  // The conversion of a single-byte charset to UTF-8 byte by byte.
+  void feed_bytes(std::string_view piece, const Sink& sink);
 
   void* cd_;
   std::string from_;
@@ -53,6 +55,10 @@ class Iconv_stream {
   // Both charsets are ones in which every ASCII byte is a character of its
   // own that means itself, without shift states: ASCII runs need no iconv.
   bool ascii_passes_;
+  // US-ASCII or ISO-8859-1 to UTF-8, invalid bytes skipped: a table does
+  // what iconv does (ASCII bytes stay, every other byte is "?", or in
+  // ISO-8859-1 the character of its own code).
+  enum class Direct { kNone, kAscii, kLatin1 } direct_;
   std::string pending_;  // the start of a character cut by the end of a piece
 };
 

@@ -84,7 +84,18 @@ INSTANTIATE_TEST_SUITE_P(
                     "\xe2\x82z\xf0\x9f\x98\x80\xf0\x9f"
                     "a\xc3\xa9"},
         Recode_case{"Windows1252Undefined", "WINDOWS-1252", "a\x81\x80b\x9d"},
-        Recode_case{"Latin1", "ISO-8859-1", "caf\xe9 \xa9\xbd\xff"},
+        Recode_case{"Latin1EveryByte", "latin1",
+                    [] {
+                      std::string all(256, '\0');
+                      for (int i = 0; i < 256; ++i) all[i] = static_cast<char>(i);
+                      return all;
+                    }()},
+        Recode_case{"AsciiEveryByte", "us-ascii",
+                    [] {
+                      std::string all(256, '\0');
+                      for (int i = 0; i < 256; ++i) all[i] = static_cast<char>(255 - i);
+                      return all;
+                    }()},
         Recode_case{"AsciiWithHighBytes", "US-ASCII", "a\x80\xff z"},
         Recode_case{"Iso2022JpEscapes", "ISO-2022-JP", "a\x1b$B$3$s\x1b(Bb\x1b$B$K\x1b(B"},
         Recode_case{"Utf16WithBom", "UTF-16", std::string("\xff\xfe\x61\x00\x3d\xd8\x00\xde", 8)},
