@@ -12,8 +12,8 @@
 //                                   to /dev/null), prints its exit status
 //                                   and its peak resident memory.
 //
-// Peak memory comes from getrusage/wait4 (ru_maxrss), so the script needs no
-// GNU time.
+// Peak memory and processor time (user and system) come from getrusage/wait4,
+// so the script needs no GNU time.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -27,6 +27,12 @@
 #include "lib/paths.h"
 
 namespace {
+
+// User and system time together.
+long cpu_ms(const rusage& usage) {
+  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+}
 
 int run_program(char** argv) {
   const pid_t pid = fork();
@@ -51,8 +57,8 @@ int run_program(char** argv) {
     std::perror("intake_driver: wait4");
     return 1;
   }
-  std::printf("exit_status=%d peak_rss_kib=%ld\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-              usage.ru_maxrss);
+  std::printf("exit_status=%d peak_rss_kib=%ld cpu_ms=%ld\n",
+              WIFEXITED(status) ? WEXITSTATUS(status) : -1, usage.ru_maxrss, cpu_ms(usage));
   return 0;
 }
 
@@ -67,7 +73,8 @@ int run_intake(const char* key) {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   if (std::strcmp(mail_file_name, orvik::paths::kMailTemplate) != 0) unlink(mail_file_name);
-  std::printf("status=%d key_found=%d peak_rss_kib=%ld\n", status, found ? 1 : 0, usage.ru_maxrss);
+  std::printf("status=%d key_found=%d peak_rss_kib=%ld cpu_ms=%ld\n", status, found ? 1 : 0,
+              usage.ru_maxrss, cpu_ms(usage));
   return status;
 }
 

@@ -132,12 +132,12 @@ void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
     // one: nothing is cut after an ASCII byte.
     std::size_t take = piece.size();
     for (auto at = piece.begin(); (at = std::find_if(at, piece.end(), is_ascii)) != piece.end();) {
-      const auto other = std::find_if_not(at, piece.end(), is_ascii);
-      if (other == piece.end() || other - at >= static_cast<std::ptrdiff_t>(kShortAsciiRun)) {
+      const auto run_end = std::find_if_not(at, piece.end(), is_ascii);
+      if (run_end == piece.end() || run_end - at >= static_cast<std::ptrdiff_t>(kShortAsciiRun)) {
         take = static_cast<std::size_t>(at - piece.begin()) + 1;
         break;
       }
-      at = other;
+      at = run_end;
     }
     const std::size_t rest = convert(piece.data(), take, sink);
     pending_.assign(piece.substr(take - rest, rest));
