@@ -49,6 +49,38 @@ constexpr std::size_t kShortAsciiRun = 256;
 
 constexpr auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
 
+// The length of the longest prefix of `text` made of whole, well-formed UTF-8
+// characters (no overlong form, no surrogate, nothing above U+10FFFF): what
+// iconv converts from UTF-8 to UTF-8 as itself.
+std::size_t well_formed_utf8(std::string_view text) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const std::size_t size = text.size();
+  std::size_t at = 0;
+  const auto in = [&](std::size_t i, unsigned lo, unsigned hi) {
+    return at + i < size && bytes[at + i] >= lo && bytes[at + i] <= hi;
+  };
+  while (at < size) {
+    const unsigned lead = bytes[at];
+    std::size_t length = 0;
+    if (lead < 0x80) {
+      length = 1;
+    } else if (lead >= 0xc2 && lead <= 0xdf) {
+      length = in(1, 0x80, 0xbf) ? 2 : 0;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+      const unsigned lo = lead == 0xe0 ? 0xa0 : 0x80;
+      const unsigned hi = lead == 0xed ? 0x9f : 0xbf;
+      length = in(1, lo, hi) && in(2, 0x80, 0xbf) ? 3 : 0;
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+      const unsigned lo = lead == 0xf0 ? 0x90 : 0x80;
+      const unsigned hi = lead == 0xf4 ? 0x8f : 0xbf;
+      length = in(1, lo, hi) && in(2, 0x80, 0xbf) && in(3, 0x80, 0xbf) ? 4 : 0;
+    }
+    if (length == 0) break;
+    at += length;
+  }
+  return at;
+}
+
 }  // namespace
 
 Iconv_stream::Iconv_stream(const std::string& from, const std::string& to, bool skipInvalid)
@@ -57,7 +89,8 @@ Iconv_stream::Iconv_stream(const std::string& from, const std::string& to, bool 
       to_(to),
       skip_invalid_(skipInvalid),
       ascii_passes_(passes_ascii(from) && passes_ascii(to)),
-      direct_(Direct::kNone) {
+      direct_(Direct::kNone),
+      utf8_passes_(name_key(from) == "UTF8" && name_key(to) == "UTF8") {
   if (skipInvalid && name_key(to) == "UTF8") {
     const std::string key = name_key(from);
     if (key == "USASCII" || key == "ASCII") direct_ = Direct::kAscii;
@@ -118,8 +151,10 @@ void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
       pending_.erase(0, pending_.size() - rest);
       continue;
     }
-    const auto other = std::find_if_not(piece.begin(), piece.end(), is_ascii);
-    const std::size_t run = static_cast<std::size_t>(other - piece.begin());
+    const std::size_t run =
+        utf8_passes_ ? well_formed_utf8(piece)
+                     : static_cast<std::size_t>(
+                           std::find_if_not(piece.begin(), piece.end(), is_ascii) - piece.begin());
     if (run > 0) {
       // errno as iconv leaves it after converting the run.
       errno = 0;

@@ -59,6 +59,8 @@ class Iconv_stream {
   // what iconv does (ASCII bytes stay, every other byte is "?", or in
   // ISO-8859-1 the character of its own code).
   enum class Direct { kNone, kAscii, kLatin1 } direct_;
+  // UTF-8 to UTF-8: well-formed characters, not only ASCII, pass unchanged.
+  bool utf8_passes_;
   std::string pending_;  // the start of a character cut by the end of a piece
 };
 

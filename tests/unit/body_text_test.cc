@@ -83,7 +83,11 @@ INSTANTIATE_TEST_SUITE_P(
         Recode_case{"Utf8CutByAnAsciiByte", "utf8",
                     "\xe2\x82z\xf0\x9f\x98\x80\xf0\x9f"
                     "a\xc3\xa9"},
-        Recode_case{"Windows1252Undefined", "WINDOWS-1252", "a\x81\x80b\x9d"},
+        Recode_case{"Utf8EdgesOfWellFormed", "UTF-8",
+                    "\xc2\x80\xc1\xbf\xe0\xa0\x80\xe0\x9f\xbf\xed\x9f\xbf\xed\xa0\x80"
+                    "\xef\xbf\xbf\xf0\x90\x80\x80\xf0\x8f\xbf\xbf\xf4\x8f\xbf\xbf"
+                    "\xf4\x90\x80\x80\xf5\x80\x80\x80\xc0\x80"},
+        Recode_case{"Windows1252Undefined", "WINDOWS-1252", "a\x81\x80" "b\x9d"},
         Recode_case{"Latin1EveryByte", "latin1",
                     [] {
                       std::string all(256, '\0');
