@@ -10,9 +10,8 @@
 // is open, so that only its descriptor (kept for the rules) holds it and the
 // run leaves the same files behind as ever. A text that is its own converted
 // form (ASCII, not transfer-encoded) is not copied: the body is then its
-// stretch of the stored message. Memory grows with
-// those fields only, never with the text, the message's other headers,
-// parts, nesting or size.
+// stretch of the stored message. Memory grows with those fields only, never
+// with the text, the message's other headers, parts, nesting or size.
 //
 // Fails (returns 1 after one line on standard error) when a file cannot be
 // created, when neither Reply-To nor From yields a mailbox, and when
@@ -180,7 +179,7 @@ std::optional<off_t> unchanged_text_end(const Stored_message_reader& reader,
 // the text in pieces, so memory does not grow with its size.
 void write_text_body(const Stored_message_reader& reader, const Text_body& text, Body_writer& out) {
   // The decoded text ends at its first NUL byte, before any conversion.
-  const auto up_to_nul = [](std::string_view& piece) {
+  const auto cut_at_nul = [](std::string_view& piece) {
     const std::size_t nul = piece.find('\0');
     piece = piece.substr(0, nul);
     return nul == std::string_view::npos;
@@ -189,7 +188,7 @@ void write_text_body(const Stored_message_reader& reader, const Text_body& text,
     orvik::Iconv_stream converter(text.charset, "UTF-8", true);
     const orvik::Iconv_stream::Sink sink = [&](std::string_view piece) { out.put(piece); };
     DecodeTextBody(reader, text, [&](std::string_view piece) {
-      const bool more = up_to_nul(piece);
+      const bool more = cut_at_nul(piece);
       converter.feed(piece, sink);
       return more;
     });
@@ -201,7 +200,7 @@ void write_text_body(const Stored_message_reader& reader, const Text_body& text,
   }
   out.restart();
   DecodeTextBody(reader, text, [&](std::string_view piece) {
-    const bool more = up_to_nul(piece);
+    const bool more = cut_at_nul(piece);
     out.put(piece);
     return more;
   });
