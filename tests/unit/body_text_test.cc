@@ -87,7 +87,12 @@ INSTANTIATE_TEST_SUITE_P(
                     "\xc2\x80\xc1\xbf\xe0\xa0\x80\xe0\x9f\xbf\xed\x9f\xbf\xed\xa0\x80"
                     "\xef\xbf\xbf\xf0\x90\x80\x80\xf0\x8f\xbf\xbf\xf4\x8f\xbf\xbf"
                     "\xf4\x90\x80\x80\xf5\x80\x80\x80\xc0\x80"},
-        Recode_case{"Windows1252Undefined", "WINDOWS-1252", "a\x81\x80" "b\x9d"},
+        Recode_case{"Windows1252Undefined", "WINDOWS-1252",
+                    "a\x81\x80"
+                    "b\x9d"},
+        // A run of ASCII long enough to pass by, and more output than one pass.
+        Recode_case{"Windows1252LongAsciiRun", "windows-1252",
+                    "\x80\x81" + std::string(300, 'a') + "\xe9" + std::string(5000, '\x80')},
         Recode_case{"Latin1EveryByte", "latin1",
                     [] {
                       std::string all(256, '\0');
