@@ -2,7 +2,8 @@
 // and read back on demand: the intake writes it once, the rules search it,
 // and nothing holds it whole. The file has no name: the intake removes it as
 // soon as it is open (orvik::paths::kBodyTemplate), so no path of the run,
-// a crash included, can leave it behind.
+// a crash included, can leave it behind. A text that needs neither decoding
+// nor conversion is instead a stretch of the stored message.
 //
 // The body is a sequence of lines: the pieces between line feeds, the one
 // after the last line feed too, so there is always one line more than the
