@@ -3,8 +3,9 @@
 //
 // Reads raw header values and decides main types, transfer encodings and
 // parameters on them itself; GMime gives only the transfer decoders. From the
-// stored message only the selected entity's content is read, in blocks, and
-// decoded into memory; a multipart is walked by its own boundary lines alone,
+// stored message only the selected entity's content is read, in blocks, each
+// decoded and handed on before the next is read; a multipart is walked by its
+// own boundary lines alone,
 // so neither its preface, its epilogue, the number of its parts nor their
 // nesting costs memory. Nothing here reports or fails: an
 // unreadable or missing content is an empty body.
@@ -37,19 +38,17 @@ class Transfer_decoder {
     }
   }
 
-  void feed(const char* data, std::size_t size, std::string& out) {
-    if (decoding_ == Transfer_decoding::kNone) {
-      out.append(data, size);
-      return;
-    }
+  // The decoded bytes of the block, valid until the next call.
+  std::string_view feed(const char* data, std::size_t size) {
+    if (decoding_ == Transfer_decoding::kNone) return {data, size};
     decoded_.resize(g_mime_encoding_outlen(&state_, size));
-    out.append(decoded_.data(), g_mime_encoding_step(&state_, data, size, decoded_.data()));
+    return {decoded_.data(), g_mime_encoding_step(&state_, data, size, decoded_.data())};
   }
 
-  void finish(std::string& out) {
-    if (decoding_ == Transfer_decoding::kNone) return;
+  std::string_view finish() {
+    if (decoding_ == Transfer_decoding::kNone) return {};
     decoded_.resize(g_mime_encoding_outlen(&state_, 0));
-    out.append(decoded_.data(), g_mime_encoding_flush(&state_, nullptr, 0, decoded_.data()));
+    return {decoded_.data(), g_mime_encoding_flush(&state_, nullptr, 0, decoded_.data())};
   }
 
  private:
@@ -84,17 +83,6 @@ Boundary_hit next_boundary(Stored_message_reader& reader, std::string_view delim
     }
     return {kind, end};
   }
-}
-
-std::string decode_stored(const Stored_message_reader& reader,
-                          const std::optional<std::string>& transfer_encoding, off_t start,
-                          off_t end) {
-  std::string out;
-  Transfer_decoder decoder(ClassifyTransferEncoding(transfer_encoding));
-  reader.read_range(start, end,
-                    [&](const char* data, std::size_t size) { decoder.feed(data, size, out); });
-  decoder.finish(out);
-  return out;
 }
 
 }  // namespace
@@ -135,8 +123,9 @@ Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_heade
   if (main_type == Main_type::kText) {
     result.charset = CharsetOf(message.content_type);
     if (message.content_start) {
-      result.text = decode_stored(reader, message.transfer_encoding, *message.content_start,
-                                  std::numeric_limits<off_t>::max());
+      result.start = *message.content_start;
+      result.end = std::numeric_limits<off_t>::max();
+      result.decoding = ClassifyTransferEncoding(message.transfer_encoding);
     }
     return result;
   }
@@ -157,9 +146,22 @@ Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_heade
     // MIME default says.
     if (part.content_type && MainType(*part.content_type) == Main_type::kText) {
       result.charset = CharsetOf(part.content_type);
-      result.text = decode_stored(reader, part.transfer_encoding, start, hit.content_end);
+      result.start = start;
+      result.end = hit.content_end;
+      result.decoding = ClassifyTransferEncoding(part.transfer_encoding);
       break;
     }
   }
   return result;
+}
+
+void DecodeTextBody(const Stored_message_reader& reader, const Text_body& body,
+                    const std::function<bool(std::string_view)>& sink) {
+  Transfer_decoder decoder(body.decoding);
+  bool wanted = true;
+  reader.read_range(body.start, body.end, [&](const char* data, std::size_t size) {
+    wanted = sink(decoder.feed(data, size));
+    return wanted;
+  });
+  if (wanted) sink(decoder.finish());
 }

@@ -10,9 +10,11 @@
 //
 // The intake selects from the stored file (SelectStoredTextBody), reading only
 // the message's header block, the header blocks of its top-level parts up to
-// the first text part, and that part's content.
+// the first text part, and that part's content; the content is then decoded
+// in pieces (DecodeTextBody), never held whole.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,16 +43,26 @@ Transfer_decoding ClassifyTransferEncoding(const std::optional<std::string>& fie
 // written; "US-ASCII" without Content-Type or parameter.
 std::string CharsetOf(const std::optional<std::string>& content_type);
 
+// Where the text entity's content lies in the stored message and how it is
+// read: [start, end) of the file, its transfer decoding, its declared charset.
 struct Text_body {
-  std::string text;  // transfer-decoded, still in `charset`
+  off_t start = 0;
+  off_t end = 0;  // start == end: an empty content
+  Transfer_decoding decoding = Transfer_decoding::kNone;
   std::string charset = "US-ASCII";
 };
 
-// Selects and decodes the text entity of the stored message whose header
-// block `message` has been read from `reader`. The parts of a multipart are
-// the stretches between the lines of its own boundary ("--" boundary, then
-// only white space; the closing one with "--" after the boundary); what lies
-// inside a part, nested multiparts included, is never looked at. A part's
-// content ends before the line break that precedes the next boundary line.
-// The transfer decoders take malformed input and decode what they can.
+// Selects the text entity of the stored message whose header block `message`
+// has been read from `reader`. The parts of a multipart are the stretches
+// between the lines of its own boundary ("--" boundary, then only white
+// space; the closing one with "--" after the boundary); what lies inside a
+// part, nested multiparts included, is never looked at. A part's content ends
+// before the line break that precedes the next boundary line.
 Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_headers& message);
+
+// Hands the transfer-decoded content of `body` to `sink` in pieces of at most
+// Stored_message_reader::kWindow decoded bytes (a decoder's own flush may add
+// a few); the sink returns false when it needs no more. The transfer decoders
+// take malformed input and decode what they can.
+void DecodeTextBody(const Stored_message_reader& reader, const Text_body& body,
+                    const std::function<bool(std::string_view)>& sink);

@@ -5,10 +5,15 @@
 // made from mail_file_name, which is kept for forwarding and removed by the
 // run's clean-up. The message is then read from that file in bounded memory:
 // the fields the record needs from its header block, and the selected text
-// body (body_selection). Memory grows with those fields and that text only,
-// never with the message's other headers, parts, nesting or size.
+// body (body_selection), which is decoded, converted to UTF-8 and written in
+// pieces to a second file, made from kBodyTemplate and removed as soon as it
+// is open, so that only its descriptor (kept for the rules) holds it and the
+// run leaves the same files behind as ever. A text that is its own converted
+// form (ASCII, not transfer-encoded) is not copied: the body is then its
+// stretch of the stored message. Memory grows with those fields only, never
+// with the text, the message's other headers, parts, nesting or size.
 //
-// Fails (returns 1 after one line on standard error) when the file cannot be
+// Fails (returns 1 after one line on standard error) when a file cannot be
 // created, when neither Reply-To nor From yields a mailbox, and when
 // RESP_RECIPIENT is unset. Charset and subject conversion failures are
 // reported and the intake goes on. Other exceptions (exhausted memory) pass
@@ -18,7 +23,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -27,8 +31,8 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
-#include <vector>
 
 #include "autoresponder/address_list.h"
 #include "autoresponder/body_selection.h"
@@ -110,22 +114,100 @@ std::optional<Mailbox_address> choose_sender(const Entity_headers& headers) {
   return std::nullopt;
 }
 
-// Every piece between line feeds, the one after the last line feed too, so
-// there is always one line more than the text has line feeds.
-std::vector<std::string> split_lines(const std::string& text) {
-  std::vector<std::string> lines;
-  // Counted first: a body of many short lines would otherwise cost up to
-  // twice its vector in spare capacity.
-  lines.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
-  std::size_t start = 0;
-  for (;;) {
-    const std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) break;
-    lines.emplace_back(text, start, end - start);
-    start = end + 1;
+// Writes the text body to its file in blocks of kSpoolBlockSize. The text
+// ends at its first NUL byte: nothing from there on is written. After a
+// failed write nothing more is written either, so the file stays a prefix of
+// the text, as the stored message does.
+class Body_writer {
+ public:
+  explicit Body_writer(int fd) : fd_(fd) { block_.reserve(kSpoolBlockSize); }
+
+  void put(std::string_view piece) {
+    if (ended_) return;
+    const std::size_t nul = piece.find('\0');
+    if (nul != std::string_view::npos) {
+      piece = piece.substr(0, nul);
+      ended_ = true;
+    }
+    block_.append(piece);
+    if (block_.size() >= kSpoolBlockSize) flush();
   }
-  lines.emplace_back(text, start);
-  return lines;
+
+  void flush() {
+    if (!failed_ && !write_all(fd_, block_.data(), block_.size())) failed_ = true;
+    block_.clear();
+  }
+
+  // Starts the file again, empty.
+  void restart() {
+    block_.clear();
+    ended_ = false;
+    failed_ = lseek(fd_, 0, SEEK_SET) != 0 || ftruncate(fd_, 0) != 0;
+  }
+
+ private:
+  int fd_;
+  std::string block_;
+  bool ended_ = false;
+  bool failed_ = false;
+};
+
+// The end of the text when it is its own converted form, so that the stored
+// message itself can serve as the body file: no transfer decoding, a charset
+// in which ASCII converts to itself, and only ASCII bytes up to the text's
+// end or its first NUL byte. Reads the text once; nullopt otherwise.
+std::optional<off_t> unchanged_text_end(const Stored_message_reader& reader,
+                                        const Text_body& text) {
+  if (text.decoding != Transfer_decoding::kNone ||
+      !orvik::AsciiConvertsToItself(text.charset, "UTF-8")) {
+    return std::nullopt;
+  }
+  off_t end = text.start;
+  bool ascii = true;
+  reader.read_range(text.start, text.end, [&](const char* data, std::size_t size) {
+    const void* nul = std::memchr(data, '\0', size);
+    const std::size_t length = nul == nullptr ? size : static_cast<const char*>(nul) - data;
+    unsigned char bits = 0;
+    for (std::size_t i = 0; i < length; ++i) bits |= static_cast<unsigned char>(data[i]);
+    ascii = bits < 0x80;
+    end += static_cast<off_t>(length);
+    return ascii && nul == nullptr;
+  });
+  return ascii ? std::optional<off_t>(end) : std::nullopt;
+}
+
+// Writes the selected text body, transfer-decoded, up to its first NUL byte
+// and converted from its charset to UTF-8, to `out`; when the conversion
+// fails, reports it and writes the text as decoded instead. Each step takes
+// the text in pieces, so memory does not grow with its size.
+void write_text_body(const Stored_message_reader& reader, const Text_body& text, Body_writer& out) {
+  // The decoded text ends at its first NUL byte, before any conversion.
+  const auto cut_at_nul = [](std::string_view& piece) {
+    const std::size_t nul = piece.find('\0');
+    piece = piece.substr(0, nul);
+    return nul == std::string_view::npos;
+  };
+  try {
+    orvik::Iconv_stream converter(text.charset, "UTF-8", true);
+    const orvik::Iconv_stream::Sink sink = [&](std::string_view piece) { out.put(piece); };
+    DecodeTextBody(reader, text, [&](std::string_view piece) {
+      const bool more = cut_at_nul(piece);
+      converter.feed(piece, sink);
+      return more;
+    });
+    converter.finish();
+    out.flush();
+    return;
+  } catch (const std::runtime_error&) {
+    std::cerr << "Could not convert message body text from " << text.charset << " to UTF-8.\n";
+  }
+  out.restart();
+  DecodeTextBody(reader, text, [&](std::string_view piece) {
+    const bool more = cut_at_nul(piece);
+    out.put(piece);
+    return more;
+  });
+  out.flush();
 }
 
 void split_recipient(const std::string& to, Mail_content* mail) {
@@ -173,12 +255,28 @@ int parse_message(Mail_content* mail) {
   const std::string subject_text = message.subject.value_or("");
   const std::string date_text = message.date.value_or("");
 
-  Text_body text = SelectStoredTextBody(reader, message);
-  std::string body = up_to_nul(std::move(text.text));
-  try {
-    body = orvik::iconvRecode(body, text.charset, "UTF-8", true);
-  } catch (const std::runtime_error&) {
-    std::cerr << "Could not convert message body text from " << text.charset << " to UTF-8.\n";
+  const Text_body text = SelectStoredTextBody(reader, message);
+  // errno after the intake is what the conversion of the text leaves (later
+  // reports may show it), whatever the body file's calls did to it.
+  const int errno_before = errno;
+  Body_text body;
+  const std::optional<off_t> unchanged_end = unchanged_text_end(reader, text);
+  const int stored_copy = unchanged_end ? fcntl(spool.get(), F_DUPFD_CLOEXEC, 0) : -1;
+  if (stored_copy >= 0) {
+    body = Body_text(stored_copy, text.start, *unchanged_end);
+    errno = *unchanged_end > text.start ? 0 : errno_before;
+  } else {
+    std::string body_file_name = orvik::paths::kBodyTemplate;
+    Unique_fd body_file(mkstemp(body_file_name.data()));
+    if (!body_file) {
+      std::cerr << "Could not create a temporary file." << std::endl;
+      return 1;
+    }
+    unlink(body_file_name.c_str());
+    errno = errno_before;
+    Body_writer writer(body_file.get());
+    write_text_body(reader, text, writer);
+    body = Body_text(body_file.release());
   }
 
   mail->from = up_to_nul(sender->local_part + "@" + sender->domain);
@@ -192,6 +290,6 @@ int parse_message(Mail_content* mail) {
   }
   mail->date = date_text;
   mail->charset = text.charset;
-  mail->body = split_lines(up_to_nul(std::move(body)));
+  mail->body = std::move(body);
   return 0;
 }

@@ -12,7 +12,6 @@
 // permissive reading (on; applies to every message).
 #include "autoresponder/rules.h"
 
-#include <algorithm>
 #include <string_view>
 
 const char kRuleColumns[] =
@@ -74,8 +73,7 @@ bool rule_matches(const Resp_rule& rule, const Mail_content& mail) {
   if (place == Key_place::kSubject) return contains(mail.subject, rule.keystr);
   if (place == Key_place::kBodyLines) {
     // Line by line: a key spanning a line break never matches.
-    return std::any_of(mail.body.begin(), mail.body.end(),
-                       [&](const std::string& line) { return contains(line, rule.keystr); });
+    return mail.body.line_contains(rule.keystr);
   }
   return true;
 }

@@ -42,7 +42,8 @@ class Stored_message_reader {
   bool consumed_crlf() const { return consumed_crlf_; }
 
   // Reads [start, end) in pieces of at most kWindow bytes; `sink` takes
-  // (const char*, std::size_t). A read error ends the range early.
+  // (const char*, std::size_t) and returns whether it wants more. A read
+  // error ends the range early.
   template <typename Sink>
   void read_range(off_t start, off_t end, Sink&& sink) const {
     if (start >= end) return;
@@ -51,7 +52,7 @@ class Stored_message_reader {
     while (start < end) {
       const ssize_t got = read_at(block.get(), std::min<off_t>(end - start, kWindow), start);
       if (got <= 0) return;
-      sink(static_cast<const char*>(block.get()), static_cast<std::size_t>(got));
+      if (!sink(static_cast<const char*>(block.get()), static_cast<std::size_t>(got))) return;
       start += got;
     }
   }

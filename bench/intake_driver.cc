@@ -1,16 +1,19 @@
 // Measurement driver for intake_bench.sh (a plain program, not a Google
 // Benchmark one).
 //
-//   intake_driver                   runs the intake on standard input in this
-//                                   process, removes the stored copy, prints
-//                                   the status and the peak resident memory;
+//   intake_driver [KEY]             runs the intake on standard input in this
+//                                   process, then searches the body lines for
+//                                   KEY as a body rule does (when given),
+//                                   removes the stored copy,
+//                                   prints the status, whether the key was
+//                                   found and the peak resident memory;
 //   intake_driver --run PROGRAM...  runs PROGRAM with the inherited standard
 //                                   input and environment (its output goes
 //                                   to /dev/null), prints its exit status
 //                                   and its peak resident memory.
 //
-// Peak memory comes from getrusage/wait4 (ru_maxrss), so the script needs no
-// GNU time.
+// Peak memory and processor time (user and system) come from getrusage/wait4,
+// so the script needs no GNU time.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -24,6 +27,12 @@
 #include "lib/paths.h"
 
 namespace {
+
+// User and system time together.
+long cpu_ms(const rusage& usage) {
+  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+}
 
 int run_program(char** argv) {
   const pid_t pid = fork();
@@ -48,19 +57,24 @@ int run_program(char** argv) {
     std::perror("intake_driver: wait4");
     return 1;
   }
-  std::printf("exit_status=%d peak_rss_kib=%ld\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-              usage.ru_maxrss);
+  std::printf("exit_status=%d peak_rss_kib=%ld cpu_ms=%ld\n",
+              WIFEXITED(status) ? WEXITSTATUS(status) : -1, usage.ru_maxrss, cpu_ms(usage));
   return 0;
 }
 
-int run_intake() {
-  Mail_content mail;
-  const int status = parse_message(&mail);
+int run_intake(const char* key) {
+  int status = 0;
+  bool found = false;
+  {
+    Mail_content mail;
+    status = parse_message(&mail);
+    if (key != nullptr) found = mail.body.line_contains(key);
+  }
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   if (std::strcmp(mail_file_name, orvik::paths::kMailTemplate) != 0) unlink(mail_file_name);
-  std::printf("status=%d body_lines=%zu peak_rss_kib=%ld\n", status, mail.body.size(),
-              usage.ru_maxrss);
+  std::printf("status=%d key_found=%d peak_rss_kib=%ld cpu_ms=%ld\n", status, found ? 1 : 0,
+              usage.ru_maxrss, cpu_ms(usage));
   return status;
 }
 
@@ -68,5 +82,5 @@ int run_intake() {
 
 int main(int argc, char** argv) {
   if (argc >= 3 && std::strcmp(argv[1], "--run") == 0) return run_program(argv + 2);
-  return run_intake();
+  return run_intake(argc >= 2 ? argv[1] : nullptr);
 }

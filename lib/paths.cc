@@ -23,6 +23,7 @@ const char kDatabytesFile[] = ROOT_PREFIX
 const char kMailnamesDefault[] = ROOT_PREFIX "/var/qmail/mailnames";
 const char kMailTemplate[] = ROOT_PREFIX "/tmp/ovk-autoresponder-XXXXXX";
 const char kResponseTemplate[] = ROOT_PREFIX "/tmp/ovk-response-uu-XXXXXX";
+const char kBodyTemplate[] = ROOT_PREFIX "/tmp/ovk-autoresponder-body-XXXXXX";
 const char kDevNull[] = "/dev/null";
 
 }  // namespace orvik::paths

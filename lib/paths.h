@@ -20,6 +20,7 @@ extern const char kDatabytesFile[];     // size limit: /var/qmail/control/databy
 extern const char kMailnamesDefault[];  // default mailbox root: /var/qmail/mailnames
 extern const char kMailTemplate[];      // /tmp/ovk-autoresponder-XXXXXX
 extern const char kResponseTemplate[];  // /tmp/ovk-response-uu-XXXXXX
+extern const char kBodyTemplate[];      // /tmp/ovk-autoresponder-body-XXXXXX, removed once open
 extern const char kDevNull[];           // /dev/null, never relocated
 
 }  // namespace orvik::paths

@@ -15,6 +15,7 @@ TEST(InstalledPaths, AreThePanelAndMailSystemPaths) {
   EXPECT_STREQ(p::kMailnamesDefault, "/var/qmail/mailnames");
   EXPECT_STREQ(p::kMailTemplate, "/tmp/ovk-autoresponder-XXXXXX");
   EXPECT_STREQ(p::kResponseTemplate, "/tmp/ovk-response-uu-XXXXXX");
+  EXPECT_STREQ(p::kBodyTemplate, "/tmp/ovk-autoresponder-body-XXXXXX");
   EXPECT_EQ(kMailFileNameSize, 30u);
   EXPECT_EQ(kRespUuFileNameSize, 28u);
   // The panel configuration's defaults: paths as the panel installs them.

@@ -152,6 +152,44 @@ TEST_P(LongFieldTest, KeepsTheBeginning) {
 INSTANTIATE_TEST_SUITE_P(LongFields, LongFieldTest, testing::ValuesIn(kLongFields),
                          [](const auto& p) { return std::string(std::get<0>(p.param)); });
 
+std::string base64(const std::string& text) {
+  gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size());
+  std::string result(encoded);
+  g_free(encoded);
+  return result;
+}
+
+// name, message after "From: a@b\n", body lines, report
+using Body_case = std::tuple<const char*, std::string, std::vector<std::string>, std::string>;
+class BodyFileTest : public testing::TestWithParam<Body_case> {};
+
+// Texts larger than a write block of the body file, so that what was written
+// before the end decides nothing.
+TEST_P(BodyFileTest, HoldsTheDecodedConvertedText) {
+  const auto& [name, message, lines, report] = GetParam();
+  const auto [status, mail, err, stored] = take_in("From: a@b\n" + message);
+  EXPECT_TRUE(mail.body == lines);
+  EXPECT_EQ(err, report);
+}
+
+const std::string kLong(300 * 1024, 'x');
+INSTANTIATE_TEST_SUITE_P(
+    , BodyFileTest,
+    testing::Values(
+        // The conversion fails at the very end: the text as decoded instead.
+        Body_case{"EndsInsideACharacter",
+                  "Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: base64\n\n" +
+                      base64(kLong + "\xc3") + "\n",
+                  {kLong + "\xc3"},
+                  "Could not convert message body text from utf-8 to UTF-8.\n"},
+        Body_case{
+            "NulAfterMegabytes", "\n" + kLong + "\nab"s + '\0' + "cd\nef\n", {kLong, "ab"}, ""},
+        Body_case{"NulMadeByTheConversion",
+                  "Content-Type: text/plain; charset=utf-7\n\n" + kLong + "+AAA-cd\n",
+                  {kLong},
+                  ""}),
+    [](const auto& p) { return std::get<0>(p.param); });
+
 TEST(IntakeTest, RecipientSplitsAtItsFirstAt) {
   for (const auto& [recipient, halves] : {std::pair{"info", "info info"}, {"a@b@c", "a b@c"}}) {
     const Mail_content mail = std::get<1>(take_in("From: a@example.com\n\nx\n", recipient));

@@ -1,0 +1,219 @@
+// Text bodies of hundreds of megabytes through the real program, streamed
+// into its standard input as they are generated (never held by the test):
+// many short lines, many empty lines, one line of 100 MB, and 100 MB text
+// parts in base64, in quoted-printable with soft line breaks and in
+// ISO-8859-1. A rule searches the body for a key that is near the end or
+// absent; the program answers exactly when it is there, stays under 32 MiB
+// and leaves no file behind.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/e2e/panel_rows.h"
+#include "tests/harness/harness.h"
+
+extern char** environ;
+
+namespace {
+
+using panel::Sandbox;
+
+constexpr const char* kKey = "key-word";
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t kMiB =
+    1 << 16;  // a sixteenth: the shapes stay, the sanitizer's time stays short
+#else
+constexpr std::size_t kMiB = 1 << 20;
+#endif
+
+// Writes to the program's standard input; stops quietly when it has gone.
+class Feed {
+ public:
+  explicit Feed(int fd) : fd_(fd) {}
+  void put(std::string_view text) {
+    while (!text.empty() && fd_ >= 0) {
+      const ssize_t written = write(fd_, text.data(), text.size());
+      if (written <= 0) {
+        fd_ = -1;
+        return;
+      }
+      text.remove_prefix(static_cast<std::size_t>(written));
+    }
+  }
+  // `piece` repeated up to `bytes` (whole pieces), written a megabyte at a time.
+  void repeat(std::string_view piece, std::size_t bytes) {
+    std::string block;
+    while (block.size() + piece.size() <= (1u << 20)) block += piece;
+    const std::size_t per_block = block.size() / piece.size();
+    std::size_t pieces = bytes / piece.size();
+    for (; pieces >= per_block; pieces -= per_block) put(block);
+    put(std::string_view(block).substr(0, pieces * piece.size()));
+  }
+
+ private:
+  int fd_;
+};
+
+struct Outcome {
+  int exit_status = -1;
+  long peak_rss_kib = 0;
+  std::string err;
+};
+
+// The program with `generate` writing its standard input through a pipe.
+Outcome run_streamed(const std::function<void(Feed&)>& generate) {
+  std::vector<std::string> env;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (!std::string_view(*entry).starts_with("RESP_RECIPIENT=")) env.emplace_back(*entry);
+  }
+  env.emplace_back("RESP_RECIPIENT=info@example.org");
+  std::vector<char*> env_block;
+  for (std::string& e : env) env_block.push_back(e.data());
+  env_block.push_back(nullptr);
+  std::string program = e2e::autoresponder_path();
+  char* argv[] = {program.data(), nullptr};
+
+  int pipe_fds[2];
+  if (pipe2(pipe_fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+  const int err_fd = memfd_create("stderr", MFD_CLOEXEC);
+  const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (dup2(pipe_fds[0], 0) < 0 || dup2(null_fd, 1) < 0 || dup2(err_fd, 2) < 0) _exit(126);
+    close_range(3, ~0U, 0);
+    execve(argv[0], argv, env_block.data());
+    _exit(127);
+  }
+  close(pipe_fds[0]);
+  close(null_fd);
+  const auto old_handler = std::signal(SIGPIPE, SIG_IGN);
+  {
+    Feed feed(pipe_fds[1]);
+    generate(feed);
+  }
+  close(pipe_fds[1]);
+  std::signal(SIGPIPE, old_handler);
+
+  Outcome outcome;
+  int status = 0;
+  rusage usage{};
+  while (wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
+  }
+  outcome.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  outcome.peak_rss_kib = usage.ru_maxrss;
+  char block[4096];
+  for (off_t at = 0;;) {
+    const ssize_t got = pread(err_fd, block, sizeof block, at);
+    if (got <= 0) break;
+    outcome.err.append(block, static_cast<std::size_t>(got));
+    at += got;
+  }
+  close(err_fd);
+  return outcome;
+}
+
+const std::string kHead = "From: sender@example.com\nSubject: hi\n";
+const std::string kLine = "0123456789abcdefghijklmnopqrstuvwxyz0123456789abcdefghijklmnopqrstuvw\n";
+
+// The last bytes of a body: the key (when wanted) on a line near the end.
+std::string tail(bool key) {
+  return key ? std::string("some text, ") + kKey + ", more text\nbye\n" : "bye\n";
+}
+
+// "The quick brown fox jumps over the lazy dog, 0123456789.\n" (57 bytes)
+// in one base64 line of 76 characters.
+constexpr std::string_view kBase64Line =
+    "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZywgMDEyMzQ1Njc4OS4K\n";
+// "some text, key-word, more text\nbye\n" and "bye\n" in base64.
+constexpr std::string_view kBase64KeyTail = "c29tZSB0ZXh0LCBrZXktd29yZCwgbW9yZSB0ZXh0CmJ5ZQo=\n";
+constexpr std::string_view kBase64Tail = "YnllCg==\n";
+
+struct Shape {
+  const char* name;
+  std::function<void(Feed&, bool key)> message;
+};
+
+const Shape kShapes[] = {
+    {"ShortLines200MB",
+     [](Feed& f, bool key) {
+       f.put(kHead + "\n");
+       f.repeat(kLine, 200 * kMiB);
+       f.put(tail(key));
+     }},
+    {"EmptyLines50MB",
+     [](Feed& f, bool key) {
+       f.put(kHead + "\n");
+       f.repeat("\n", 50 * kMiB);
+       f.put(tail(key));
+     }},
+    {"OneLine100MBKeyInItsLastBytes",
+     [](Feed& f, bool key) {
+       f.put(kHead + "\n");
+       f.repeat("x", 100 * kMiB);
+       f.put(key ? kKey : "");
+     }},
+    {"Base64TextPart100MB",
+     [](Feed& f, bool key) {
+       f.put(kHead + "Content-Type: multipart/mixed; boundary=B\n\n--B\n" +
+             "Content-Type: text/plain\nContent-Transfer-Encoding: base64\n\n");
+       f.repeat(kBase64Line, 100 * kMiB);
+       f.put(key ? kBase64KeyTail : kBase64Tail);
+       f.put("--B--\n");
+     }},
+    {"QuotedPrintableSoftBreaks100MB",
+     [](Feed& f, bool key) {
+       f.put(kHead + "Content-Transfer-Encoding: quoted-printable\n\n");
+       f.repeat("0123456789abcdef=3D0123456789abcdef=20=C3=A9=C3=A9xyz0123456789abcdef=\n",
+                100 * kMiB);
+       f.put(tail(key));
+     }},
+    {"Latin1Body100MB",
+     [](Feed& f, bool key) {
+       f.put(kHead + "Content-Type: text/plain; charset=ISO-8859-1\n\n");
+       f.repeat("caf\xe9 cr\xe8me br\xfbl\xe9\x65, na\xefve fa\xe7\x61\x64\x65, \xa9 \xbd\n",
+                100 * kMiB);
+       f.put(tail(key));
+     }},
+};
+
+class BodySize : public e2e::EndToEndTest,
+                 public ::testing::WithParamInterface<std::tuple<Shape, bool>> {
+ protected:
+  void SetUp() override {
+    EndToEndTest::SetUp();
+    panel::add_domain(1, "example.org");
+    panel::add_mailbox(1, 1, "info");
+    panel::add_rule(1, 1, "key_where='body', keystr='key-word'");
+  }
+};
+
+TEST_P(BodySize, AnswersWhenTheKeyIsThereInBoundedMemory) {
+  const auto& [shape, key] = GetParam();
+  const Outcome run = run_streamed([&](Feed& feed) { shape.message(feed, key); });
+  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.err, "");
+#ifndef __SANITIZE_ADDRESS__
+  EXPECT_LT(run.peak_rss_kib, 32 << 10);
+#endif
+  EXPECT_EQ(Sandbox::sendmail_calls().size(), key ? 1u : 0u);
+  EXPECT_TRUE(Sandbox::tmp_files().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(, BodySize,
+                         ::testing::Combine(::testing::ValuesIn(kShapes), ::testing::Bool()),
+                         [](const auto& p) {
+                           return std::string(std::get<0>(p.param).name) +
+                                  (std::get<1>(p.param) ? "KeyNearTheEnd" : "KeyAbsent");
+                         });
+
+}  // namespace
