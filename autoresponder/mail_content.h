@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "autoresponder/body_text.h"
+#include "autoresponder/intake/body_text.h"
 
 struct Mail_content {
   std::string from;         // sender mailbox (Reply-To before From): local part "@" domain

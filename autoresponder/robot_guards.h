@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "autoresponder/intake/stored_message.h"
 #include "autoresponder/mail_content.h"
-#include "autoresponder/stored_message.h"
 
 inline constexpr char kRobotGuardsVariable[] = "AUTORESPONDER_RFC3834";
 

@@ -31,8 +31,8 @@
 #include <new>
 #include <string>
 
-#include "autoresponder/intake.h"
-#include "autoresponder/responder.h"
+#include "autoresponder/intake/intake.h"
+#include "autoresponder/responder/responder.h"
 #include "autoresponder/robot_guards.h"
 #include "autoresponder/run_end.h"
 #include "autoresponder/secure_environment.h"

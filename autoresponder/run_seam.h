@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "autoresponder/mailbox_resolution.h"
-#include "autoresponder/rules.h"
+#include "autoresponder/responder/mailbox_resolution.h"
+#include "autoresponder/responder/rules.h"
 
 // The kinds of mail a run sends; the names are the nouns of wait_for_sendmail.
 enum class Outgoing { kForward, kNotice, kReply };

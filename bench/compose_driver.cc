@@ -14,7 +14,7 @@
 #include <filesystem>
 #include <string>
 
-#include "autoresponder/composition.h"
+#include "autoresponder/responder/composition.h"
 #include "lib/paths.h"
 
 int main(int argc, char** argv) {

@@ -922,7 +922,7 @@ reader, which it replaces), run in the same loops as (a) and (b) above.
 $round_rows
 
 - Content-Type parameters read by the program's own reader
-  (\`autoresponder/media_type.cc\`) instead of
+  (\`autoresponder/intake/media_type.cc\`) instead of
   \`g_mime_content_type_parse()\`: the intake takes only the charset and the
   boundary from them. GMime now gives only the transfer decoders, which need
   neither GObject nor any set-up, so the program no longer links GObject,
@@ -934,7 +934,7 @@ $round_rows
   but the C library. Start-up alone (below): $(ms "$(wall s_before "$work/s.result")") ms
   before, $(ms "$(wall s_static "$work/s.result")") ms now.
 - The response file opened for writing without truncating it when it is
-  empty, as it always is after its creation (\`autoresponder/composition.cc\`;
+  empty, as it always is after its creation (\`autoresponder/responder/composition.cc\`;
   a file that holds something is still truncated): on ext4 a truncation
   marks the file to be written out at its close, and its removal after the
   delivery then waits for that write. \`bench/truncation_cost\` on the file

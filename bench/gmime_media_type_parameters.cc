@@ -1,6 +1,6 @@
 // For the benchmark's variant autoresponder_before: Content-Type parameters
 // read by GMime, as the program read them before it had a reader of its own
-// (autoresponder/media_type.cc). Linked ahead of the program's libraries,
+// (autoresponder/intake/media_type.cc). Linked ahead of the program's libraries,
 // this definition takes the place of theirs. It sets GMime up as far as that
 // parsing needs (the charset map and a set of parser options,
 // once per process, without g_mime_init()), and linking it brings GObject,
@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "autoresponder/media_type.h"
+#include "autoresponder/intake/media_type.h"
 
 namespace {
 

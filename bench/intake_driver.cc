@@ -22,7 +22,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "autoresponder/intake.h"
+#include "autoresponder/intake/intake.h"
 #include "autoresponder/mail_content.h"
 #include "lib/paths.h"
 

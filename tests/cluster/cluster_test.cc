@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "autoresponder/frequency.h"
+#include "autoresponder/responder/frequency.h"
 #include "lib/mysql_handle.h"
 #include "tests/harness/harness.h"
 
@@ -201,7 +201,9 @@ TEST_F(Cluster, AKilledNodeLeavesTheOthersExact) {
   }
   EXPECT_EQ(replies(), allowed());
   for (int node = 1; node <= kNodes; ++node) {
-    if (node != dead) EXPECT_EQ(counted(node), allowed()) << node;
+    if (node != dead) {
+      EXPECT_EQ(counted(node), allowed()) << node;
+    }
   }
 }
 

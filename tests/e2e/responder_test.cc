@@ -18,9 +18,9 @@
 #include <string>
 #include <thread>
 
-#include "autoresponder/composition.h"
-#include "autoresponder/delivery.h"
-#include "autoresponder/named_lock.h"
+#include "autoresponder/responder/composition.h"
+#include "autoresponder/responder/delivery.h"
+#include "autoresponder/responder/named_lock.h"
 #include "lib/paths.h"
 #include "tests/e2e/panel_rows.h"
 #include "tests/harness/harness.h"

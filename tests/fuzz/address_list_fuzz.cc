@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "autoresponder/address_list.h"
+#include "autoresponder/intake/address_list.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

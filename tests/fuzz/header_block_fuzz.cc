@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "autoresponder/stored_message.h"
+#include "autoresponder/intake/stored_message.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

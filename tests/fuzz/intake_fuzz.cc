@@ -20,7 +20,7 @@
 #include <iterator>
 #include <string>
 
-#include "autoresponder/intake.h"
+#include "autoresponder/intake/intake.h"
 #include "autoresponder/mail_content.h"
 #include "lib/paths.h"
 #include "tests/fuzz/fuzz_support.h"

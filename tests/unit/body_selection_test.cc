@@ -2,14 +2,14 @@
 // charset of the text entity and the boundary of a multipart, from field
 // bodies as mail programs write them, folded, commented, split (RFC 2231) or
 // broken.
-#include "autoresponder/body_selection.h"
+#include "autoresponder/intake/body_selection.h"
 
 #include <gtest/gtest.h>
 
 #include <optional>
 #include <string>
 
-#include "autoresponder/media_type.h"
+#include "autoresponder/intake/media_type.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The text body in pieces: the streamed charset conversion against the whole
 // one, and the search of the body file across its read blocks.
-#include "autoresponder/body_text.h"
+#include "autoresponder/intake/body_text.h"
 
 #include <gtest/gtest.h>
 #include <iconv.h>

@@ -1,5 +1,5 @@
 // Start of a run: environment scrub, intake of tests/data/NAME.eml (NAME.expected), addresses.
-#include "autoresponder/intake.h"
+#include "autoresponder/intake/intake.h"
 
 #include <glib.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@
 #include <tuple>
 #include <vector>
 
-#include "autoresponder/address_list.h"
+#include "autoresponder/intake/address_list.h"
 #include "autoresponder/mail_content.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/paths.h"

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "autoresponder/composition.h"
-#include "autoresponder/rules.h"
+#include "autoresponder/responder/composition.h"
+#include "autoresponder/responder/rules.h"
 
 namespace {
 

@@ -35,7 +35,6 @@ const par_templ kTable[] = {
     {"request_subject", "Hello there"},
 };
 
-
 // templ_replace's output, "|used N" if it left part of the template, "|status S" if set.
 std::string Replace(const std::string& templ, std::uint32_t options) {
   char out[1000];

@@ -8,15 +8,15 @@
 // that documented order: result, esc_domain, esc_mailname, connection. Fails
 // by ending the run (Run_end) after one report line, which unwinds through
 // the same owners; the stages it calls end the run the same way.
-#include "autoresponder/responder.h"
+#include "autoresponder/responder/responder.h"
 
 #include <iostream>
 
-#include "autoresponder/answer.h"
-#include "autoresponder/db_statement.h"
-#include "autoresponder/frequency.h"
-#include "autoresponder/mailbox_resolution.h"
-#include "autoresponder/rules.h"
+#include "autoresponder/responder/answer.h"
+#include "autoresponder/responder/db_statement.h"
+#include "autoresponder/responder/frequency.h"
+#include "autoresponder/responder/mailbox_resolution.h"
+#include "autoresponder/responder/rules.h"
 #include "autoresponder/run_end.h"
 #include "lib/dbconnect.h"
 #include "lib/libcommon.h"

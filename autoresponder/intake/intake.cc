@@ -18,7 +18,7 @@
 // RESP_RECIPIENT is unset. Charset and subject conversion failures are
 // reported and the intake goes on. Other exceptions (exhausted memory) pass
 // to the caller.
-#include "autoresponder/intake.h"
+#include "autoresponder/intake/intake.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -34,9 +34,9 @@
 #include <string_view>
 #include <utility>
 
-#include "autoresponder/address_list.h"
-#include "autoresponder/body_selection.h"
-#include "autoresponder/stored_message.h"
+#include "autoresponder/intake/address_list.h"
+#include "autoresponder/intake/body_selection.h"
+#include "autoresponder/intake/stored_message.h"
 #include "lib/paths.h"
 #include "lib/text_encoding/iconv_recode.h"
 #include "lib/text_encoding/rfc1522.h"

@@ -48,7 +48,7 @@ Count_policy trial_of(Count_policy policy);
 // 1 when the answer may be sent (and has been counted), 0 when not. A failed
 // statement ends the process through correct_exit(). Checks of one rule for
 // one sender running at the same time are serialised by a named lock on the
-// server (autoresponder/named_lock.h); without it they go on unserialised.
+// server (autoresponder/responder/named_lock.h); without it they go on unserialised.
 // The check's figures go to `observer`. The first form uses
 // count_policy_for(connection).
 int can_response_freq(MYSQL* connection, Mail_content* mail, std::string id, std::string ans_freq,

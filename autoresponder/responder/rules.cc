@@ -10,7 +10,7 @@
 // keeps the field's default, and every comparison is exact and
 // case-sensitive, so a misspelt switch or key place simply takes the
 // permissive reading (on; applies to every message).
-#include "autoresponder/rules.h"
+#include "autoresponder/responder/rules.h"
 
 #include <string_view>
 

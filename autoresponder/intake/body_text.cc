@@ -4,7 +4,7 @@
 // Mail_content share the file and the last one closes it. Reads with
 // pread, so searches and iterations never disturb each other. A read error
 // ends the text for the reader, as its end does.
-#include "autoresponder/body_text.h"
+#include "autoresponder/intake/body_text.h"
 
 #include <unistd.h>
 

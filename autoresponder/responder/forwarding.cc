@@ -11,7 +11,7 @@
 // still goes out. Addresses are handed to sendmail as separate arguments
 // without any shell, exactly as stored; one that begins with "-", which
 // sendmail would read as an option, is left out with a report line.
-#include "autoresponder/forwarding.h"
+#include "autoresponder/responder/forwarding.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,7 +21,7 @@
 #include <iostream>
 #include <vector>
 
-#include "autoresponder/db_statement.h"
+#include "autoresponder/responder/db_statement.h"
 #include "lib/paths.h"
 #include "lib/unique_fd.h"
 

@@ -6,7 +6,7 @@
 // forms (route addresses, blanks around dots and "@", phrases without angle
 // brackets) are tolerated. Nothing here fails: text that does not read as a
 // mailbox simply yields no mailbox. Owns no resources; linear in the input.
-#include "autoresponder/address_list.h"
+#include "autoresponder/intake/address_list.h"
 
 namespace {
 

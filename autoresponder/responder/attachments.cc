@@ -18,7 +18,7 @@
 // counts as found: no "/" in it, not "..", and a regular file there (not a
 // symbolic link, device, FIFO or directory). The composer checks the kind
 // once more on the descriptor it reads.
-#include "autoresponder/attachments.h"
+#include "autoresponder/responder/attachments.h"
 
 #include <sys/stat.h>
 
@@ -27,7 +27,7 @@
 #include <sstream>
 #include <utility>
 
-#include "autoresponder/db_statement.h"
+#include "autoresponder/responder/db_statement.h"
 #include "lib/get_param.h"
 #include "lib/mysql_handle.h"
 #include "lib/orvik_chch.h"

@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
-#include "autoresponder/composition.h"
 #include "autoresponder/mail_content.h"
-#include "autoresponder/rules.h"
+#include "autoresponder/responder/composition.h"
+#include "autoresponder/responder/rules.h"
 #include "autoresponder/run_seam.h"
 
 // The mail system's size limit from its control file, read as strtol does;

@@ -2,7 +2,7 @@
 // keeps only the sections of the parameter asked for, as places in the field
 // body, so that a field body of megabytes with many parameters costs little
 // memory.
-#include "autoresponder/media_type.h"
+#include "autoresponder/intake/media_type.h"
 
 #include <strings.h>
 

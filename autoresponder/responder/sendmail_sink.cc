@@ -11,8 +11,8 @@
 #include <cstring>
 #include <iostream>
 
-#include "autoresponder/child_wait.h"
 #include "autoresponder/pipe_stream.h"
+#include "autoresponder/responder/child_wait.h"
 #include "autoresponder/run_seam.h"
 #include "lib/forkexec.h"
 #include "lib/paths.h"

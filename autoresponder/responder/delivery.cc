@@ -15,7 +15,7 @@
 // that fails IDN conversion, a recipient that sendmail would read as an
 // option and exhausted memory end the process through the message log with
 // status 1, leaving the temporary files.
-#include "autoresponder/delivery.h"
+#include "autoresponder/responder/delivery.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -34,7 +34,7 @@
 #include <string>
 #include <utility>
 
-#include "autoresponder/composition.h"
+#include "autoresponder/responder/composition.h"
 #include "lib/paths.h"
 #include "lib/put.h"
 #include "lib/text_encoding/idn.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "autoresponder/mail_content.h"
-#include "autoresponder/rules.h"
+#include "autoresponder/responder/rules.h"
 #include "autoresponder/templates.h"
 #include "lib/unique_fd.h"
 

@@ -8,15 +8,15 @@
 // Failures: each stage reports its own; a failed database statement ends the
 // run through correct_exit(), IDN failures, a reply that cannot be handed
 // over and exhausted memory through the message log with status 1.
-#include "autoresponder/answer.h"
+#include "autoresponder/responder/answer.h"
 
 #include <cstdint>
 #include <utility>
 
-#include "autoresponder/attachments.h"
-#include "autoresponder/composition.h"
-#include "autoresponder/delivery.h"
-#include "autoresponder/forwarding.h"
+#include "autoresponder/responder/attachments.h"
+#include "autoresponder/responder/composition.h"
+#include "autoresponder/responder/delivery.h"
+#include "autoresponder/responder/forwarding.h"
 
 void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref& mailbox,
                  const char* esc_domain, const Resp_rule& rule, const Run_seam& seam) {

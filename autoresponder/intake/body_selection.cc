@@ -9,7 +9,7 @@
 // so neither its preface, its epilogue, the number of its parts nor their
 // nesting costs memory. Nothing here reports or fails: an
 // unreadable or missing content is an empty body.
-#include "autoresponder/body_selection.h"
+#include "autoresponder/intake/body_selection.h"
 
 #include <gmime/gmime.h>
 #include <strings.h>
@@ -18,7 +18,7 @@
 #include <limits>
 #include <vector>
 
-#include "autoresponder/media_type.h"
+#include "autoresponder/intake/media_type.h"
 
 namespace {
 

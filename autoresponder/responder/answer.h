@@ -5,8 +5,8 @@
 #include <mysql.h>
 
 #include "autoresponder/mail_content.h"
-#include "autoresponder/mailbox_resolution.h"
-#include "autoresponder/rules.h"
+#include "autoresponder/responder/mailbox_resolution.h"
+#include "autoresponder/responder/rules.h"
 #include "autoresponder/run_seam.h"
 
 void answer_rule(MYSQL* connection, const Mail_content& mail, const Mailbox_ref& mailbox,

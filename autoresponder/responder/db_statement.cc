@@ -4,7 +4,7 @@
 // or has read the one value it needs. Fails by ending the process through
 // ending the run (Run_end) after one report line; a null mysql_store_result counts as a
 // failed statement, since these stages always expect a result set.
-#include "autoresponder/db_statement.h"
+#include "autoresponder/responder/db_statement.h"
 
 #include <iostream>
 

@@ -20,7 +20,7 @@
 // its part empty; an unwritable response file drops the reply silently.
 // IDN failure of the mailbox address and exhausted memory end the process
 // through the message log with status 1, leaving the temporary files.
-#include "autoresponder/composition.h"
+#include "autoresponder/responder/composition.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

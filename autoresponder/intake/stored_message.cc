@@ -7,7 +7,7 @@
 // Header blocks follow the MIME library's reading of malformed headers (which
 // lines are fields, where a block ends), so the results match a parse of the
 // whole message; only what the intake needs is kept.
-#include "autoresponder/stored_message.h"
+#include "autoresponder/intake/stored_message.h"
 
 #include <strings.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "autoresponder/body_selection.h"
+#include "autoresponder/intake/body_selection.h"
 
 namespace {
 

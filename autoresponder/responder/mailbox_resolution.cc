@@ -7,11 +7,11 @@
 // (Run_end) when a lookup does not execute (or its result cannot be fetched),
 // with "autoresponder: Unable to query: " and the server's text; an unknown
 // recipient is the caller's to report.
-#include "autoresponder/mailbox_resolution.h"
+#include "autoresponder/responder/mailbox_resolution.h"
 
 #include <iterator>
 
-#include "autoresponder/db_statement.h"
+#include "autoresponder/responder/db_statement.h"
 #include "lib/autoprepend.h"
 
 namespace {

@@ -19,7 +19,7 @@
 #include <string>
 #include <string_view>
 
-#include "autoresponder/stored_message.h"
+#include "autoresponder/intake/stored_message.h"
 
 // A raw header value as a field body: leading blanks and tabs and trailing
 // white space removed.

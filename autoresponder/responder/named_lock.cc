@@ -4,7 +4,7 @@
 // statement's result while it is read. Fails softly: a lock that cannot be
 // had leaves held() false, and a release that fails is reported as one line
 // (the server drops the lock with the connection at the end of the run).
-#include "autoresponder/named_lock.h"
+#include "autoresponder/responder/named_lock.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -23,7 +23,7 @@
 // Runs for different senders are not serialised anywhere: the memory limit
 // of a rule may be overshot by the number of new senders arriving at the
 // same moment, which only delays their eviction.
-#include "autoresponder/frequency.h"
+#include "autoresponder/responder/frequency.h"
 
 #include <mysqld_error.h>
 #include <unistd.h>
@@ -37,8 +37,8 @@
 #include <random>
 #include <thread>
 
-#include "autoresponder/db_statement.h"
-#include "autoresponder/named_lock.h"
+#include "autoresponder/responder/db_statement.h"
+#include "autoresponder/responder/named_lock.h"
 #include "lib/libcommon.h"
 #include "lib/mysql_handle.h"
 

@@ -5,7 +5,7 @@
 // change the run, but a refused or crashed hand-over is worth one line on
 // standard error. A failed waitpid (no such child) is not reported: there is
 // nothing to wait for.
-#include "autoresponder/child_wait.h"
+#include "autoresponder/responder/child_wait.h"
 
 #include <sys/wait.h>
 
