@@ -829,7 +829,15 @@ memory=$(awk '/^MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo)
   printf '  program / before the cuts: %s\n' "$(ratio "$a_wall" "$(wall a_uncut "$A")")"
 } >&2
 
-cat >"$output" <<EOF
+# The sections that other benchmarks write (intake, header fields, ...)
+# stand after this line in the report and are kept as they are.
+kept_marker='<!-- The sections below come from the other benchmarks; bench/e2e_bench.sh keeps them. -->'
+kept=""
+if [ -f "$output" ] && grep -qxF "$kept_marker" "$output"; then
+  kept=$(sed -n "\|^${kept_marker}\$|,\$p" "$output")
+fi
+
+cat >"$work/report.md" <<EOF
 # Benchmarks
 
 The cost of one run of the autoresponder, measured end to end against a
@@ -1104,6 +1112,13 @@ $(cat "$work/decomposition.md" 2>/dev/null)
 $(cat "$work/a.result" "$work/s.result" "$work/b.result" "$work/c.result" "$work/t.result")
 \`\`\`
 EOF
+{
+  cat "$work/report.md"
+  if [ -n "$kept" ]; then
+    echo
+    printf '%s\n' "$kept"
+  fi
+} >"$output"
 say "wrote $output"
 
 trap - ERR
