@@ -834,7 +834,7 @@ memory=$(awk '/^MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo)
 kept_marker='<!-- The sections below come from the other benchmarks; bench/e2e_bench.sh keeps them. -->'
 kept=""
 if [ -f "$output" ] && grep -qxF "$kept_marker" "$output"; then
-  kept=$(sed -n "\|^${kept_marker}\$|,\$p" "$output")
+  kept=$(awk -v marker="$kept_marker" '$0 == marker { found = 1 } found' "$output")
 fi
 
 cat >"$work/report.md" <<EOF
