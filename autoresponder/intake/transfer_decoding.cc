@@ -19,12 +19,43 @@ constexpr std::array<unsigned char, 256> kBase64Value = [] {
   return table;
 }();
 
+// The value of each base64 digit at each place of a quartet, shifted there;
+// a byte outside the alphabet sets a bit above the quartet's 24.
+constexpr std::uint32_t kNotInQuartet = 1U << 24;
+constexpr auto kQuartetPlace = [] {
+  std::array<std::array<std::uint32_t, 256>, 4> tables{};
+  for (int place = 0; place < 4; ++place) {
+    for (int c = 0; c < 256; ++c) {
+      const unsigned char value = kBase64Value[static_cast<std::size_t>(c)];
+      tables[place][c] =
+          value == kNotBase64 ? kNotInQuartet : std::uint32_t{value} << (18 - 6 * place);
+    }
+  }
+  return tables;
+}();
+
 // The value of a hexadecimal digit (either case), or -1.
 int hex_value(unsigned char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return -1;
+}
+
+// What "=" followed by `one` and `two` decodes to, written at `out` (which
+// holds the "=" already); returns the end of the output. "=" CR LF is a soft
+// line break.
+char* write_escape(unsigned char one, unsigned char two, char* out) {
+  const int high = hex_value(one);
+  const int low = hex_value(two);
+  if (high >= 0 && low >= 0) {
+    *out = static_cast<char>(high << 4 | low);
+    return out + 1;
+  }
+  if (one == '\r' && two == '\n') return out;
+  out[1] = static_cast<char>(one);
+  out[2] = static_cast<char>(two);
+  return out + 3;
 }
 
 }  // namespace
@@ -40,10 +71,9 @@ std::size_t Base64_decoder::step(const char* in, std::size_t size, char* out) {
     if (digits == 0) {
       // Whole quartets at once, the common case of well-formed lines.
       while (end - p >= 4) {
-        const unsigned a = kBase64Value[p[0]], b = kBase64Value[p[1]], c = kBase64Value[p[2]],
-                       d = kBase64Value[p[3]];
-        if (((a | b | c | d) & 0x80) != 0) break;
-        const std::uint32_t quartet = a << 18 | b << 12 | c << 6 | d;
+        const std::uint32_t quartet = kQuartetPlace[0][p[0]] | kQuartetPlace[1][p[1]] |
+                                      kQuartetPlace[2][p[2]] | kQuartetPlace[3][p[3]];
+        if (quartet >= kNotInQuartet) break;
         o[0] = static_cast<unsigned char>(quartet >> 16);
         o[1] = static_cast<unsigned char>(quartet >> 8);
         o[2] = static_cast<unsigned char>(quartet);
@@ -87,10 +117,22 @@ std::size_t Quoted_printable_decoder::step(const char* in, std::size_t size, cha
         std::memcpy(o, p, static_cast<std::size_t>(stop - p));
         o += stop - p;
         p = stop;
-        if (p < end) {
-          ++p;
-          state_ = State::kEquals;
+        if (p == end) break;
+        if (end - p >= 3) {
+          // The whole escape or soft line break is in this piece.
+          const auto one = static_cast<unsigned char>(p[1]);
+          const auto two = static_cast<unsigned char>(p[2]);
+          if (one == '\n') {
+            p += 2;
+          } else {
+            *o = '=';
+            o = write_escape(one, two, o);
+            p += 3;
+          }
+          break;
         }
+        ++p;
+        state_ = State::kEquals;
         break;
       }
       case State::kEquals: {
@@ -104,16 +146,8 @@ std::size_t Quoted_printable_decoder::step(const char* in, std::size_t size, cha
         break;
       }
       case State::kEqualsAndOne: {
-        const auto c = static_cast<unsigned char>(*p++);
-        const int high = hex_value(first_);
-        const int low = hex_value(c);
-        if (high >= 0 && low >= 0) {
-          *o++ = static_cast<char>(high << 4 | low);
-        } else if (!(first_ == '\r' && c == '\n')) {  // else a soft line break
-          *o++ = '=';
-          *o++ = static_cast<char>(first_);
-          *o++ = static_cast<char>(c);
-        }
+        *o = '=';
+        o = write_escape(first_, static_cast<unsigned char>(*p++), o);
         state_ = State::kText;
         break;
       }

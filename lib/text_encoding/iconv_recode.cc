@@ -196,24 +196,28 @@ void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
 void Iconv_stream::feed_bytes(std::string_view piece, const Sink& sink) {
   char buffer[kPassBufferSize];
   std::size_t held = 0;
-  for (std::size_t at = 0; at < piece.size();) {
-    if (held + 2 > sizeof buffer) {
+  for (std::string_view rest = piece; !rest.empty();) {
+    // As many bytes as the buffer surely takes, each at most two out.
+    const std::string_view chunk = rest.substr(0, (sizeof buffer - held) / 2);
+    if (chunk.empty()) {
       sink({buffer, held});
       held = 0;
+      continue;
     }
-    // An ASCII run is copied as it is, as much as the buffer takes.
-    const std::size_t run =
-        ascii_prefix(piece.data() + at, std::min(piece.size() - at, sizeof buffer - held));
-    std::memcpy(buffer + held, piece.data() + at, run);
+    rest.remove_prefix(chunk.size());
+    const std::size_t run = ascii_prefix(chunk.data(), chunk.size());
+    std::memcpy(buffer + held, chunk.data(), run);
     held += run;
-    at += run;
-    if (at == piece.size() || held + 2 > sizeof buffer) continue;
-    const auto byte = static_cast<unsigned char>(piece[at++]);
-    if (direct_ == Direct::kAscii) {
-      buffer[held++] = '?';
-    } else {
-      buffer[held++] = static_cast<char>(0xc0 | (byte >> 6));
-      buffer[held++] = static_cast<char>(0x80 | (byte & 0x3f));
+    for (const char c : chunk.substr(run)) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (byte < 0x80) {
+        buffer[held++] = c;
+      } else if (direct_ == Direct::kAscii) {
+        buffer[held++] = '?';
+      } else {
+        buffer[held++] = static_cast<char>(0xc0 | (byte >> 6));
+        buffer[held++] = static_cast<char>(0x80 | (byte & 0x3f));
+      }
     }
   }
   if (held > 0) sink({buffer, held});
