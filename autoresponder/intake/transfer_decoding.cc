@@ -34,21 +34,29 @@ constexpr auto kQuartetPlace = [] {
   return tables;
 }();
 
-// The value of a hexadecimal digit (either case), or -1.
-int hex_value(unsigned char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
+// The value of each hexadecimal digit (either case); 0xff for other bytes.
+constexpr unsigned char kNotHex = 0xff;
+constexpr std::array<unsigned char, 256> kHexValue = [] {
+  std::array<unsigned char, 256> table{};
+  table.fill(kNotHex);
+  for (unsigned char digit = 0; digit < 10; ++digit) table['0' + digit] = digit;
+  for (unsigned char digit = 0; digit < 6; ++digit) {
+    table['A' + digit] = static_cast<unsigned char>(10 + digit);
+    table['a' + digit] = static_cast<unsigned char>(10 + digit);
+  }
+  return table;
+}();
+
+// Bytes of quoted-printable text looked at one by one before memchr takes over.
+constexpr std::ptrdiff_t kNearRun = 32;
 
 // What "=" followed by `one` and `two` decodes to, written at `out` (which
 // holds the "=" already); returns the end of the output. "=" CR LF is a soft
 // line break.
-char* write_escape(unsigned char one, unsigned char two, char* out) {
-  const int high = hex_value(one);
-  const int low = hex_value(two);
-  if (high >= 0 && low >= 0) {
+inline char* write_escape(unsigned char one, unsigned char two, char* out) {
+  const unsigned char high = kHexValue[one];
+  const unsigned char low = kHexValue[two];
+  if (high != kNotHex && low != kNotHex) {
     *out = static_cast<char>(high << 4 | low);
     return out + 1;
   }
@@ -112,11 +120,17 @@ std::size_t Quoted_printable_decoder::step(const char* in, std::size_t size, cha
   while (p < end) {
     switch (state_) {
       case State::kText: {
-        const void* equals = std::memchr(p, '=', static_cast<std::size_t>(end - p));
-        const char* stop = equals != nullptr ? static_cast<const char*>(equals) : end;
-        std::memcpy(o, p, static_cast<std::size_t>(stop - p));
-        o += stop - p;
-        p = stop;
+        // The text up to the next "=": escapes are often a few bytes apart,
+        // so the first bytes are looked at here, the rest by memchr.
+        const char* const near_end = end - p > kNearRun ? p + kNearRun : end;
+        while (p < near_end && *p != '=') *o++ = *p++;
+        if (p == near_end && p < end) {
+          const void* equals = std::memchr(p, '=', static_cast<std::size_t>(end - p));
+          const char* stop = equals != nullptr ? static_cast<const char*>(equals) : end;
+          std::memcpy(o, p, static_cast<std::size_t>(stop - p));
+          o += stop - p;
+          p = stop;
+        }
         if (p == end) break;
         if (end - p >= 3) {
           // The whole escape or soft line break is in this piece.
