@@ -103,6 +103,7 @@ const Decoding_case kCases[] = {
     {"QpTrailingEqualsLost", Kind::kQuotedPrintable, "text="},
     {"QpTrailingEqualsDigitLost", Kind::kQuotedPrintable, "text=4"},
     {"QpEightBitAndNul", Kind::kQuotedPrintable, std::string("\xe9t\xe9\0=00=\xff\xfe", 10)},
+    {"QpLongRunsSoftBreaks", Kind::kQuotedPrintable, encoded_lines(300, "=\r\n") + "caf=C3=A9"},
     {"QpSpacesBeforeBreak", Kind::kQuotedPrintable, "trailing   \nspaces =  \n"},
 };
 
