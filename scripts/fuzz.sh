@@ -7,7 +7,8 @@
 #   fuzz.sh run [SECONDS] [NAME...]   fuzz each target (or the named ones:
 #                                     intake, rfc1522_decode, rfc1522_encode,
 #                                     iconv_recode, templates, configuration,
-#                                     address_list, header_block)
+#                                     address_list, header_block,
+#                                     transfer_decoding)
 #                                     for SECONDS (default 30); the readers of
 #                                     header fields (address_list,
 #                                     header_block) with -rss_limit_mb=64, as
@@ -59,7 +60,7 @@ fi
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
   targets=(intake rfc1522_decode rfc1522_encode iconv_recode templates configuration address_list
-    header_block)
+    header_block transfer_decoding)
 fi
 
 mkdir -p "$build_dir/artifacts" "$build_dir/logs"

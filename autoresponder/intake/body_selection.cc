@@ -2,7 +2,8 @@
 // decoding and its declared charset.
 //
 // Reads raw header values and decides main types, transfer encodings and
-// parameters on them itself; GMime gives only the transfer decoders. From the
+// parameters on them itself; the transfer decoders are our own
+// (transfer_decoding.h). From the
 // stored message only the selected entity's content is read, in blocks, each
 // decoded and handed on before the next is read; a multipart is walked by its
 // own boundary lines alone,
@@ -11,7 +12,6 @@
 // unreadable or missing content is an empty body.
 #include "autoresponder/intake/body_selection.h"
 
-#include <gmime/gmime.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "autoresponder/intake/media_type.h"
+#include "autoresponder/intake/transfer_decoding.h"
 
 namespace {
 
@@ -30,30 +31,22 @@ bool equals_ignoring_case(std::string_view text, std::string_view expected) {
 // Undoes a transfer encoding block by block.
 class Transfer_decoder {
  public:
-  explicit Transfer_decoder(Transfer_decoding decoding) : decoding_(decoding) {
-    if (decoding == Transfer_decoding::kBase64) {
-      g_mime_encoding_init_decode(&state_, GMIME_CONTENT_ENCODING_BASE64);
-    } else if (decoding == Transfer_decoding::kQuotedPrintable) {
-      g_mime_encoding_init_decode(&state_, GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE);
-    }
-  }
+  explicit Transfer_decoder(Transfer_decoding decoding) : decoding_(decoding) {}
 
   // The decoded bytes of the block, valid until the next call.
   std::string_view feed(const char* data, std::size_t size) {
     if (decoding_ == Transfer_decoding::kNone) return {data, size};
-    decoded_.resize(g_mime_encoding_outlen(&state_, size));
-    return {decoded_.data(), g_mime_encoding_step(&state_, data, size, decoded_.data())};
-  }
-
-  std::string_view finish() {
-    if (decoding_ == Transfer_decoding::kNone) return {};
-    decoded_.resize(g_mime_encoding_outlen(&state_, 0));
-    return {decoded_.data(), g_mime_encoding_flush(&state_, nullptr, 0, decoded_.data())};
+    decoded_.resize(transfer_decoding::MaxDecodedSize(size));
+    const std::size_t length = decoding_ == Transfer_decoding::kBase64
+                                   ? base64_.step(data, size, decoded_.data())
+                                   : quoted_printable_.step(data, size, decoded_.data());
+    return {decoded_.data(), length};
   }
 
  private:
   Transfer_decoding decoding_;
-  GMimeEncoding state_{};
+  transfer_decoding::Base64_decoder base64_;
+  transfer_decoding::Quoted_printable_decoder quoted_printable_;
   std::vector<char> decoded_;
 };
 
@@ -158,10 +151,7 @@ Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_heade
 void DecodeTextBody(const Stored_message_reader& reader, const Text_body& body,
                     const std::function<bool(std::string_view)>& sink) {
   Transfer_decoder decoder(body.decoding);
-  bool wanted = true;
   reader.read_range(body.start, body.end, [&](const char* data, std::size_t size) {
-    wanted = sink(decoder.feed(data, size));
-    return wanted;
+    return sink(decoder.feed(data, size));
   });
-  if (wanted) sink(decoder.finish());
 }

@@ -61,8 +61,8 @@ struct Text_body {
 Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_headers& message);
 
 // Hands the transfer-decoded content of `body` to `sink` in pieces of at most
-// Stored_message_reader::kWindow decoded bytes (a decoder's own flush may add
-// a few); the sink returns false when it needs no more. The transfer decoders
+// Stored_message_reader::kWindow decoded bytes (what a block completes of the
+// one before may add a few); the sink returns false when it needs no more. The transfer decoders
 // take malformed input and decode what they can.
 void DecodeTextBody(const Stored_message_reader& reader, const Text_body& body,
                     const std::function<bool(std::string_view)>& sink);

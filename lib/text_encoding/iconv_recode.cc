@@ -15,6 +15,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
 
 namespace orvik {
@@ -49,6 +51,19 @@ constexpr std::size_t kShortAsciiRun = 256;
 
 constexpr auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
 
+// The length of the ASCII prefix of `size` bytes at `text`, eight bytes at a
+// time while it lasts.
+std::size_t ascii_prefix(const char* text, std::size_t size) {
+  constexpr std::uint64_t kHighBits = 0x8080808080808080ULL;
+  std::size_t at = 0;
+  for (std::uint64_t word; at + sizeof word <= size; at += sizeof word) {
+    std::memcpy(&word, text + at, sizeof word);
+    if ((word & kHighBits) != 0) break;
+  }
+  while (at < size && is_ascii(text[at])) ++at;
+  return at;
+}
+
 // The length of the longest prefix of `text` made of whole, well-formed UTF-8
 // characters (no overlong form, no surrogate, nothing above U+10FFFF): what
 // iconv converts from UTF-8 to UTF-8 as itself.
@@ -63,7 +78,7 @@ std::size_t well_formed_utf8(std::string_view text) {
     const unsigned lead = bytes[at];
     std::size_t length = 0;
     if (lead < 0x80) {
-      length = 1;
+      length = ascii_prefix(text.data() + at, size - at);
     } else if (lead >= 0xc2 && lead <= 0xdf) {
       length = in(1, 0x80, 0xbf) ? 2 : 0;
     } else if (lead >= 0xe0 && lead <= 0xef) {
@@ -152,9 +167,7 @@ void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
       continue;
     }
     const std::size_t run =
-        utf8_passes_ ? well_formed_utf8(piece)
-                     : static_cast<std::size_t>(
-                           std::find_if_not(piece.begin(), piece.end(), is_ascii) - piece.begin());
+        utf8_passes_ ? well_formed_utf8(piece) : ascii_prefix(piece.data(), piece.size());
     if (run > 0) {
       // errno as iconv leaves it after converting the run.
       errno = 0;
@@ -183,19 +196,28 @@ void Iconv_stream::feed_ascii_runs(std::string_view piece, const Sink& sink) {
 void Iconv_stream::feed_bytes(std::string_view piece, const Sink& sink) {
   char buffer[kPassBufferSize];
   std::size_t held = 0;
-  for (const char c : piece) {
-    if (held + 2 > sizeof buffer) {
+  for (std::string_view rest = piece; !rest.empty();) {
+    // As many bytes as the buffer surely takes, each at most two out.
+    const std::string_view chunk = rest.substr(0, (sizeof buffer - held) / 2);
+    if (chunk.empty()) {
       sink({buffer, held});
       held = 0;
+      continue;
     }
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x80) {
-      buffer[held++] = c;
-    } else if (direct_ == Direct::kAscii) {
-      buffer[held++] = '?';
-    } else {
-      buffer[held++] = static_cast<char>(0xc0 | (byte >> 6));
-      buffer[held++] = static_cast<char>(0x80 | (byte & 0x3f));
+    rest.remove_prefix(chunk.size());
+    const std::size_t run = ascii_prefix(chunk.data(), chunk.size());
+    std::memcpy(buffer + held, chunk.data(), run);
+    held += run;
+    for (const char c : chunk.substr(run)) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (byte < 0x80) {
+        buffer[held++] = c;
+      } else if (direct_ == Direct::kAscii) {
+        buffer[held++] = '?';
+      } else {
+        buffer[held++] = static_cast<char>(0xc0 | (byte >> 6));
+        buffer[held++] = static_cast<char>(0x80 | (byte & 0x3f));
+      }
     }
   }
   if (held > 0) sink({buffer, held});

@@ -141,6 +141,14 @@ TEST(IconvRecode, PassBoundary) {
     EXPECT_EQ(L1(a2 + "\xE9\xE9"), a2 + "éé");
     EXPECT_EQ(U8(a + "\377b"), a + "?b");
     EXPECT_THROW(Strict(a + "\377b"), std::runtime_error);
+    std::string mixed, mixed_utf8;  // Latin-1 letters among ASCII runs of every length
+    for (std::size_t i = 0, run = 0; i < n; ++i) {
+      const bool letter = i % 97 == run % 97 || i % 11 == 0;
+      if (letter) ++run;
+      mixed += letter ? '\xE9' : 'a';
+      mixed_utf8 += letter ? "\xC3\xA9" : "a";
+    }
+    EXPECT_EQ(L1(mixed), mixed_utf8) << n;
   }
   EXPECT_THROW(U8(std::string(4096, 'a') + "\xC3"), std::runtime_error);
 }
