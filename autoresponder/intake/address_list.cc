@@ -39,12 +39,17 @@ std::optional<Mailbox_address> read_mailbox(std::string_view text) {
     switch (state) {
       case State::kStart:
         // Without angle brackets every word and dot belongs to the local part
-        // (a phrase without "<...>" reads as one).
-        if (is_special_token(token, '@')) {
-          state = State::kAfterAt;
-        } else if (is_special_token(token, '<')) {
+        // (a phrase without "<...>" reads as one), as within them; "<" starts
+        // the local part over.
+        if (is_special_token(token, '<')) {
           mailbox.local_part.clear();
           state = State::kAfterLess;
+          break;
+        }
+        [[fallthrough]];
+      case State::kInAddrSpec:
+        if (is_special_token(token, '@')) {
+          state = State::kAfterAt;
         } else if (word || is_special_token(token, '.')) {
           mailbox.local_part += token.text;
         }
@@ -59,13 +64,6 @@ std::optional<Mailbox_address> read_mailbox(std::string_view text) {
         break;
       case State::kInRoute:
         if (is_special_token(token, ':')) state = State::kInAddrSpec;
-        break;
-      case State::kInAddrSpec:
-        if (is_special_token(token, '@')) {
-          state = State::kAfterAt;
-        } else if (word || is_special_token(token, '.')) {
-          mailbox.local_part += token.text;
-        }
         break;
       case State::kAfterAt:
         if (is_special_token(token, '>')) {

@@ -2,13 +2,23 @@
 #include "autoresponder/intake/header_lexer.h"
 
 #include <algorithm>
+#include <array>
 
 #include "lib/ascii.h"
 
 namespace {
 
-constexpr std::string_view kAddressSpecials = "()<>@,;:\\\".[]";
-constexpr std::string_view kMediaTypeSpecials = "()<>@,;:\\\"/[]?=";
+// Which bytes are specials, one table per syntax, looked up per byte.
+using Special_table = std::array<bool, 256>;
+
+constexpr Special_table specials(std::string_view chars) {
+  Special_table table{};
+  for (const char c : chars) table[static_cast<unsigned char>(c)] = true;
+  return table;
+}
+
+constexpr Special_table kAddressSpecials = specials("()<>@,;:\\\".[]");
+constexpr Special_table kMediaTypeSpecials = specials("()<>@,;:\\\"/[]?=");
 
 }  // namespace
 
@@ -29,9 +39,9 @@ std::size_t DelimitedEnd(std::string_view text, std::size_t start, char close, b
 }
 
 bool Header_lexer::is_special(char c) const {
-  const std::string_view specials =
+  const Special_table& table =
       syntax_ == Header_syntax::kAddress ? kAddressSpecials : kMediaTypeSpecials;
-  return specials.find(c) != std::string_view::npos;
+  return table[static_cast<unsigned char>(c)];
 }
 
 std::optional<Header_token> Header_lexer::next() {
