@@ -1,5 +1,5 @@
-// Bounded-memory reading of the stored incoming message: the line window and
-// the header block reader.
+// Bounded-memory reading of the stored incoming message: the line window, the
+// header block reader and the search for a multipart's boundary lines.
 //
 // Owns a buffer of two windows; reads the borrowed descriptor with pread, so
 // several readers (and the decoder's range reads) never disturb each other's
