@@ -10,12 +10,12 @@
 #include "autoresponder/robot_guards.h"
 
 #include <fcntl.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <cctype>
 #include <string_view>
 
+#include "lib/ascii.h"
 #include "lib/autoprepend.h"
 #include "lib/unique_fd.h"
 
@@ -23,16 +23,13 @@ namespace {
 
 constexpr std::string_view kBlanks = " \t\r\n";
 
-bool same_word(std::string_view text, std::string_view word) {
-  return text.size() == word.size() && strncasecmp(text.data(), word.data(), text.size()) == 0;
-}
-
 bool starts_with_word(std::string_view text, std::string_view word) {
-  return text.size() >= word.size() && same_word(text.substr(0, word.size()), word);
+  return text.size() >= word.size() && EqualsIgnoringCase(text.substr(0, word.size()), word);
 }
 
 bool ends_with_word(std::string_view text, std::string_view word) {
-  return text.size() >= word.size() && same_word(text.substr(text.size() - word.size()), word);
+  return text.size() >= word.size() &&
+         EqualsIgnoringCase(text.substr(text.size() - word.size()), word);
 }
 
 // The field's first word: up to a blank, ';' or the start of a comment.
@@ -46,7 +43,7 @@ bool is_list_sender(const std::string& sender) {
   const std::string_view local =
       std::string_view(sender).substr(0, std::min(sender.rfind('@'), sender.size()));
   return starts_with_word(local, "owner-") || ends_with_word(local, "-request") ||
-         same_word(local, "listserv") || same_word(local, "majordomo");
+         EqualsIgnoringCase(local, "listserv") || EqualsIgnoringCase(local, "majordomo");
 }
 
 bool is_empty_path(std::string_view body) {
@@ -76,7 +73,8 @@ bool robot_guards_on() {
   const char* value = ovkConfGet(kRobotGuardsVariable);
   if (value == nullptr) return false;
   const std::string_view word = first_word(value);
-  return same_word(word, "true") || same_word(word, "yes") || same_word(word, "on");
+  return EqualsIgnoringCase(word, "true") || EqualsIgnoringCase(word, "yes") ||
+         EqualsIgnoringCase(word, "on");
 }
 
 std::optional<Entity_headers> robot_fields(const char* stored_message) {
@@ -87,12 +85,13 @@ std::optional<Entity_headers> robot_fields(const char* stored_message) {
 }
 
 std::optional<std::string> robot_refusal(const Mail_content& mail, const Entity_headers& fields) {
-  if (fields.auto_submitted && !same_word(first_word(*fields.auto_submitted), "no")) {
+  if (fields.auto_submitted && !EqualsIgnoringCase(first_word(*fields.auto_submitted), "no")) {
     return "Field Auto-Submitted: is not no";
   }
   if (fields.precedence) {
     const std::string_view word = first_word(*fields.precedence);
-    if (same_word(word, "bulk") || same_word(word, "junk") || same_word(word, "list")) {
+    if (EqualsIgnoringCase(word, "bulk") || EqualsIgnoringCase(word, "junk") ||
+        EqualsIgnoringCase(word, "list")) {
       return "Field Precedence: is bulk, junk or list";
     }
   }

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "lib/ascii.h"
 #include "lib/c_owners.h"
 #include "lib/product_log.h"
 
@@ -24,9 +25,6 @@ constexpr std::size_t kGrowthStep = 20;
 constexpr std::size_t kMaxEntries = 536870911;
 constexpr int kConfLogLevel = 12;
 
-bool is_space(char c) {
-  return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
 bool is_name_char(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
 }
@@ -46,18 +44,18 @@ int fail_to_grow() {
 // failure to store is an error (-1).
 int parse_line(char* line, conf_data* store) {
   char* cursor = line;
-  while (is_space(*cursor)) ++cursor;
+  while (IsSpace(*cursor)) ++cursor;
   if (*cursor == '\0' || *cursor == '#') return 0;
 
   char* const name = cursor;
   while (is_name_char(*cursor)) ++cursor;
   char* const name_end = cursor;
-  if (!is_space(*cursor)) {
+  if (!IsSpace(*cursor)) {
     orvik_log(kConfLogLevel,
               "Invalid variable definition %s\nExpected a space after variable name\n", name);
     return 0;
   }
-  while (is_space(*cursor)) ++cursor;
+  while (IsSpace(*cursor)) ++cursor;
   if (*cursor == '\0' || *cursor == '#') {
     orvik_log(kConfLogLevel, "Invalid variable definition %s\nExpected a value", name);
     return 0;
@@ -66,7 +64,7 @@ int parse_line(char* line, conf_data* store) {
   char* const value = cursor;
   char* value_end = std::strchr(value, '#');
   if (value_end == nullptr) value_end = value + std::strlen(value);
-  while (value_end > value && is_space(value_end[-1])) --value_end;
+  while (value_end > value && IsSpace(value_end[-1])) --value_end;
   *value_end = '\0';
   *name_end = '\0';
   return conf_set_r(name, value, store);

@@ -1,134 +1,19 @@
 // Reading the sender's mailbox from the Reply-To and From field bodies.
 //
-// A small RFC 822 tokenizer (atoms, specials, quoted strings, domain
-// literals, comments; blanks and control characters separate tokens), a
-// splitter for address and mailbox lists, and the mailbox reader. The obsolete
+// The tokens come from the shared header lexer (autoresponder/intake/
+// header_lexer.h), one at a time; here are a splitter for address and mailbox
+// lists and the mailbox reader. The obsolete
 // forms (route addresses, blanks around dots and "@", phrases without angle
 // brackets) are tolerated. Nothing here fails: text that does not read as a
 // mailbox simply yields no mailbox. Owns no resources; linear in the input.
 #include "autoresponder/intake/address_list.h"
 
+#include "autoresponder/intake/header_lexer.h"
+
 namespace {
 
-enum class Token_kind {
-  kAtom,
-  kSpecial,
-  kQuotedString,
-  kDomainLiteral,
-  kComment,
-  kUnterminated,  // a quoted string, comment or domain literal cut off by the end of the text
-  kNul,           // a NUL byte between tokens
-};
-
-struct Token {
-  Token_kind kind;
-  std::string_view text;
-};
-
-// Blanks and control characters only separate tokens (CR and LF of folded
-// lines included). NUL is kept apart so that it can make an address unusable.
-bool is_separator(unsigned char c) {
-  return c == ' ' || (c >= 1 && c < 32) || c == 127;
-}
-
-bool is_special(unsigned char c) {
-  switch (c) {
-    case '(':
-    case ')':
-    case '<':
-    case '>':
-    case '@':
-    case ',':
-    case ';':
-    case ':':
-    case '\\':
-    case '"':
-    case '.':
-    case '[':
-    case ']':
-      return true;
-    default:
-      return false;
-  }
-}
-
-// The end of a delimited token starting at `start` (the opening character),
-// or npos when the text ends first. A backslash quotes the next byte.
-// Comments nest.
-std::size_t delimited_end(std::string_view text, std::size_t start, char open, char close,
-                          bool nests) {
-  int depth = 1;
-  for (std::size_t pos = start + 1; pos < text.size(); ++pos) {
-    char c = text[pos];
-    if (c == '\\') {
-      ++pos;
-    } else if (c == close) {
-      if (--depth == 0) return pos + 1;
-    } else if (nests && c == open) {
-      ++depth;
-    }
-  }
-  return std::string_view::npos;
-}
-
-// The tokens of a text, one at a time: nothing is held but the position, so
-// the reader's memory does not grow with the number of tokens.
-class Token_reader {
- public:
-  explicit Token_reader(std::string_view text) : text_(text) {}
-
-  // The next token, or nullopt at the end of the text.
-  std::optional<Token> next() {
-    while (pos_ < text_.size()) {
-      const unsigned char c = static_cast<unsigned char>(text_[pos_]);
-      if (c == '\0') return take(Token_kind::kNul, pos_ + 1);
-      if (is_separator(c)) {
-        ++pos_;
-        continue;
-      }
-      switch (c) {
-        case '"':
-          return take_delimited(Token_kind::kQuotedString, '"', '"', false);
-        case '(':
-          return take_delimited(Token_kind::kComment, '(', ')', true);
-        case '[':
-          return take_delimited(Token_kind::kDomainLiteral, '[', ']', false);
-        default:
-          break;
-      }
-      if (is_special(c)) return take(Token_kind::kSpecial, pos_ + 1);
-      std::size_t end = pos_ + 1;
-      while (end < text_.size()) {
-        const unsigned char next = static_cast<unsigned char>(text_[end]);
-        if (next == '\0' || is_separator(next) || is_special(next)) break;
-        ++end;
-      }
-      return take(Token_kind::kAtom, end);
-    }
-    return std::nullopt;
-  }
-
-  // Where the text after the last token returned begins.
-  std::size_t position() const { return pos_; }
-
- private:
-  Token take(Token_kind kind, std::size_t end) {
-    const Token token{kind, text_.substr(pos_, end - pos_)};
-    pos_ = end;
-    return token;
-  }
-  Token take_delimited(Token_kind kind, char open, char close, bool nests) {
-    const std::size_t end = delimited_end(text_, pos_, open, close, nests);
-    if (end == std::string_view::npos) return take(Token_kind::kUnterminated, text_.size());
-    return take(kind, end);
-  }
-
-  std::string_view text_;
-  std::size_t pos_ = 0;
-};
-
-bool is_special_token(const Token& token, char c) {
-  return token.kind == Token_kind::kSpecial && token.text[0] == c;
+bool is_special_token(const Header_token& token, char c) {
+  return token.kind == Header_token_kind::kSpecial && token.text[0] == c;
 }
 
 bool holds_line_break(const std::string& text) {
@@ -146,19 +31,25 @@ std::optional<Mailbox_address> read_mailbox(std::string_view text) {
   enum class State { kStart, kAfterLess, kInRoute, kInAddrSpec, kAfterAt, kAfterGreater };
   State state = State::kStart;
   Mailbox_address mailbox;
-  Token_reader reader(text);
-  while (const std::optional<Token> next = reader.next()) {
-    const Token& token = *next;
-    const bool word = token.kind == Token_kind::kAtom || token.kind == Token_kind::kQuotedString;
+  Header_lexer reader(text, Header_syntax::kAddress);
+  while (const std::optional<Header_token> next = reader.next()) {
+    const Header_token& token = *next;
+    const bool word =
+        token.kind == Header_token_kind::kAtom || token.kind == Header_token_kind::kQuotedString;
     switch (state) {
       case State::kStart:
         // Without angle brackets every word and dot belongs to the local part
-        // (a phrase without "<...>" reads as one).
-        if (is_special_token(token, '@')) {
-          state = State::kAfterAt;
-        } else if (is_special_token(token, '<')) {
+        // (a phrase without "<...>" reads as one), as within them; "<" starts
+        // the local part over.
+        if (is_special_token(token, '<')) {
           mailbox.local_part.clear();
           state = State::kAfterLess;
+          break;
+        }
+        [[fallthrough]];
+      case State::kInAddrSpec:
+        if (is_special_token(token, '@')) {
+          state = State::kAfterAt;
         } else if (word || is_special_token(token, '.')) {
           mailbox.local_part += token.text;
         }
@@ -174,17 +65,11 @@ std::optional<Mailbox_address> read_mailbox(std::string_view text) {
       case State::kInRoute:
         if (is_special_token(token, ':')) state = State::kInAddrSpec;
         break;
-      case State::kInAddrSpec:
-        if (is_special_token(token, '@')) {
-          state = State::kAfterAt;
-        } else if (word || is_special_token(token, '.')) {
-          mailbox.local_part += token.text;
-        }
-        break;
       case State::kAfterAt:
         if (is_special_token(token, '>')) {
           state = State::kAfterGreater;
-        } else if (token.kind == Token_kind::kAtom || token.kind == Token_kind::kDomainLiteral ||
+        } else if (token.kind == Header_token_kind::kAtom ||
+                   token.kind == Header_token_kind::kDomainLiteral ||
                    is_special_token(token, '.')) {
           mailbox.domain += token.text;
         }
@@ -208,7 +93,7 @@ std::optional<Mailbox_address> read_mailbox(std::string_view text) {
 // incomplete and is not taken.
 std::optional<Mailbox_address> first_mailbox(std::string_view field_body, bool with_groups,
                                              bool cut) {
-  Token_reader reader(field_body);
+  Header_lexer reader(field_body, Header_syntax::kAddress);
   std::size_t start = 0;
   for (;;) {
     enum class State { kTop, kInAngles, kInGroup } state = State::kTop;
@@ -216,8 +101,8 @@ std::optional<Mailbox_address> first_mailbox(std::string_view field_body, bool w
     bool any_token = false;
     bool comma = false;
     std::size_t end = field_body.size();
-    while (const std::optional<Token> token = reader.next()) {
-      if (token->kind == Token_kind::kSpecial) {
+    while (const std::optional<Header_token> token = reader.next()) {
+      if (token->kind == Header_token_kind::kSpecial) {
         const char c = token->text[0];
         if (state == State::kTop && c == ',') {
           comma = true;

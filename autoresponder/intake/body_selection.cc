@@ -20,13 +20,9 @@
 
 #include "autoresponder/intake/media_type.h"
 #include "autoresponder/intake/transfer_decoding.h"
+#include "lib/ascii.h"
 
 namespace {
-
-bool equals_ignoring_case(std::string_view text, std::string_view expected) {
-  return text.size() == expected.size() &&
-         strncasecmp(text.data(), expected.data(), expected.size()) == 0;
-}
 
 // Undoes a transfer encoding block by block.
 class Transfer_decoder {
@@ -50,55 +46,19 @@ class Transfer_decoder {
   std::vector<char> decoded_;
 };
 
-struct Boundary_hit {
-  Boundary_kind kind;  // kNone: the file ended first
-  off_t content_end;   // where the content before the line ends
-};
-
-// Reads lines up to the next boundary line, which stays unread. The line
-// feed before a boundary line belongs to the boundary, and so does a carriage
-// return before it when the boundary line itself ends in CR LF.
-Boundary_hit next_boundary(Stored_message_reader& reader, std::string_view delimiter) {
-  const off_t start = reader.offset();
-  for (;;) {
-    const std::string_view line = reader.peek_line();
-    if (line.empty()) return {Boundary_kind::kNone, reader.offset()};
-    const Boundary_kind kind = ClassifyBoundaryLine(line, delimiter);
-    if (kind == Boundary_kind::kNone) {
-      reader.consume_line();
-      continue;
-    }
-    off_t end = reader.offset();
-    if (end > start) {
-      --end;
-      const std::string_view text = line.substr(0, line.find('\n'));
-      if (end > start && reader.consumed_crlf() && text.ends_with('\r')) --end;
-    }
-    return {kind, end};
-  }
-}
-
 }  // namespace
-
-std::string_view TrimFieldBody(std::string_view raw) {
-  const std::size_t first = raw.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  const std::size_t last = raw.find_last_not_of(" \t\r\n\v\f");
-  if (last == std::string_view::npos || last < first) return {};
-  return raw.substr(first, last - first + 1);
-}
 
 Main_type MainType(std::string_view content_type) {
   const std::string_view type = MediaMainType(content_type);
-  if (equals_ignoring_case(type, "text")) return Main_type::kText;
-  if (equals_ignoring_case(type, "multipart")) return Main_type::kMultipart;
+  if (EqualsIgnoringCase(type, "text")) return Main_type::kText;
+  if (EqualsIgnoringCase(type, "multipart")) return Main_type::kMultipart;
   return Main_type::kOther;
 }
 
 Transfer_decoding ClassifyTransferEncoding(const std::optional<std::string>& field_body) {
   if (!field_body) return Transfer_decoding::kNone;
-  if (equals_ignoring_case(*field_body, "base64")) return Transfer_decoding::kBase64;
-  if (equals_ignoring_case(*field_body, "quoted-printable")) {
+  if (EqualsIgnoringCase(*field_body, "base64")) return Transfer_decoding::kBase64;
+  if (EqualsIgnoringCase(*field_body, "quoted-printable")) {
     return Transfer_decoding::kQuotedPrintable;
   }
   return Transfer_decoding::kNone;
@@ -128,13 +88,13 @@ Text_body SelectStoredTextBody(Stored_message_reader& reader, const Entity_heade
 
   const std::string delimiter = "--" + *boundary;
   reader.seek(*message.content_start);
-  Boundary_hit hit = next_boundary(reader, delimiter);  // past the preface
+  Boundary_hit hit = NextBoundary(reader, delimiter);  // past the preface
   while (hit.kind == Boundary_kind::kDelimiter) {
     reader.consume_line();
     const Entity_headers part = ReadHeaderBlock(reader, Header_block_kind::kPart, delimiter);
     if (!part.readable) break;
     const off_t start = reader.offset();
-    hit = next_boundary(reader, delimiter);
+    hit = NextBoundary(reader, delimiter);
     // A part without its own Content-Type is not text here, whatever the
     // MIME default says.
     if (part.content_type && MainType(*part.content_type) == Main_type::kText) {

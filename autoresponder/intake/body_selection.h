@@ -21,10 +21,6 @@
 
 #include "autoresponder/intake/stored_message.h"
 
-// A raw header value as a field body: leading blanks and tabs and trailing
-// white space removed.
-std::string_view TrimFieldBody(std::string_view raw);
-
 enum class Main_type { kText, kMultipart, kOther };
 
 // The main type of a Content-Type field body: its first token, compared

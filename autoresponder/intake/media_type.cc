@@ -4,26 +4,13 @@
 // memory.
 #include "autoresponder/intake/media_type.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <vector>
 
+#include "autoresponder/intake/header_lexer.h"
+#include "lib/ascii.h"
+
 namespace {
-
-// Blanks, line breaks and the other control characters.
-bool is_blank_or_control(char c) {
-  const unsigned char byte = static_cast<unsigned char>(c);
-  return byte <= ' ' || byte == 127;
-}
-
-// RFC 2045 token characters; 8-bit bytes are let through.
-bool is_token_char(char c) {
-  const unsigned char byte = static_cast<unsigned char>(c);
-  if (byte <= ' ' || byte == 127) return false;
-  static constexpr std::string_view kTspecials = "()<>@,;:\\\"/[]?=";
-  return kTspecials.find(c) == std::string_view::npos;
-}
 
 int hex_value(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -58,115 +45,53 @@ std::string_view without_charset_tag(std::string_view value) {
 
 // One parameter, or one section of a split one, as written.
 struct Section {
-  long number = -1;       // -1: the parameter is not split
-  bool extended = false;  // written with "*" before "=": "%XX" to undo
-  std::size_t value_begin = 0;
-  std::size_t value_size = 0;
-  bool quoted = false;  // the value lay between quotes; its escapes are still in it
+  long number = -1;        // -1: the parameter is not split
+  bool extended = false;   // written with "*" before "=": "%XX" to undo
+  std::string_view value;  // in the field body
+  bool quoted = false;     // the value lay between quotes; its escapes are still in it
 };
 
-class Field_reader {
- public:
-  explicit Field_reader(std::string_view text) : text_(text) {}
+// More sections of one parameter than any mail program writes; the rest are
+// left out, so that a field body made of sections cannot take much memory.
+constexpr std::size_t kMaxSections = 4096;
+// A section number too large to hold stays at this bound.
+constexpr long kMaxSectionNumber = 1'000'000'000L;
 
-  bool at_end() const { return pos_ >= text_.size(); }
-  char peek() const { return at_end() ? '\0' : text_[pos_]; }
-  void advance() { ++pos_; }
+bool is_digit(char c) {
+  return c >= '0' && c <= '9';
+}
 
-  // Blanks, control characters and comments (nested, with quoted pairs).
-  void skip_cfws() {
-    while (!at_end()) {
-      if (is_blank_or_control(text_[pos_])) {
-        ++pos_;
-      } else if (text_[pos_] == '(') {
-        int depth = 0;
-        while (!at_end()) {
-          const char c = text_[pos_++];
-          if (c == '\\') {
-            ++pos_;
-          } else if (c == '(') {
-            ++depth;
-          } else if (c == ')' && --depth == 0) {
-            break;
-          }
-        }
-        pos_ = std::min(pos_, text_.size());
-      } else {
-        return;
-      }
-    }
+long section_number(Header_lexer& in) {
+  long n = 0;
+  while (is_digit(in.peek())) {
+    n = std::min(n * 10 + (in.peek() - '0'), kMaxSectionNumber);
+    in.advance();
   }
+  return n;
+}
 
-  // Up to the next ";" outside quoted strings and comments, or the end.
-  void skip_to_separator() {
-    while (!at_end() && text_[pos_] != ';') {
-      if (text_[pos_] == '"') {
-        skip_quoted_string();
-      } else if (text_[pos_] == '(') {
-        skip_cfws();
-      } else {
-        ++pos_;
-      }
-    }
+// A value, quoted or a token, into `section`; false when there is none.
+bool read_value(Header_lexer& in, Section& section) {
+  if (in.peek() == '"') {
+    section.quoted = true;
+    section.value = in.quoted_content();
+    return true;
   }
-
-  // A run of token characters; with `star_ends`, "*" ends it too.
-  std::string_view token(bool star_ends) {
-    const std::size_t begin = pos_;
-    while (!at_end() && is_token_char(text_[pos_]) && !(star_ends && text_[pos_] == '*')) ++pos_;
-    return text_.substr(begin, pos_ - begin);
-  }
-
-  // A value, quoted or a token, into `section`; false when there is none.
-  bool value(Section& section) {
-    if (peek() == '"') {
-      section.quoted = true;
-      section.value_begin = pos_ + 1;
-      section.value_size = skip_quoted_string();
-      return true;
-    }
-    section.value_begin = pos_;
-    section.value_size = token(false).size();
-    return section.value_size > 0;
-  }
-
-  // A section number; one too large to hold stays at a large bound.
-  long number() {
-    long n = 0;
-    while (!at_end() && text_[pos_] >= '0' && text_[pos_] <= '9') {
-      n = std::min(n * 10 + (text_[pos_] - '0'), 1'000'000'000L);
-      ++pos_;
-    }
-    return n;
-  }
-
- private:
-  // At a quote: passes the quoted string, which may run to the end, and
-  // returns the length of its content.
-  std::size_t skip_quoted_string() {
-    const std::size_t begin = ++pos_;
-    while (!at_end() && text_[pos_] != '"') pos_ += text_[pos_] == '\\' ? 2 : 1;
-    pos_ = std::min(pos_, text_.size());
-    const std::size_t size = pos_ - begin;
-    if (!at_end()) ++pos_;
-    return size;
-  }
-
-  std::string_view text_;
-  std::size_t pos_ = 0;
-};
+  section.value = in.atom();
+  return !section.value.empty();
+}
 
 // Reads one parameter after its ";"; false when it cannot be read.
-bool read_parameter(Field_reader& in, std::string_view& name, Section& section) {
+bool read_parameter(Header_lexer& in, std::string_view& name, Section& section) {
   in.skip_cfws();
-  name = in.token(true);
+  name = in.atom(true);
   if (name.empty()) return false;
   in.skip_cfws();
   if (in.peek() == '*') {
     in.advance();
     in.skip_cfws();
-    if (in.peek() >= '0' && in.peek() <= '9') {
-      section.number = in.number();
+    if (is_digit(in.peek())) {
+      section.number = section_number(in);
       in.skip_cfws();
       if (in.peek() == '*') {
         section.extended = true;
@@ -180,11 +105,11 @@ bool read_parameter(Field_reader& in, std::string_view& name, Section& section) 
   if (in.peek() != '=') return false;
   in.advance();
   in.skip_cfws();
-  return in.value(section);
+  return read_value(in, section);
 }
 
-std::string value_text(std::string_view field, const Section& section) {
-  const std::string_view raw = field.substr(section.value_begin, section.value_size);
+std::string value_text(const Section& section) {
+  const std::string_view raw = section.value;
   if (!section.quoted) return std::string(raw);
   std::string out;
   out.reserve(raw.size());
@@ -195,32 +120,24 @@ std::string value_text(std::string_view field, const Section& section) {
   return out;
 }
 
-bool same_name(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-// More sections of one parameter than any mail program writes; the rest are
-// left out, so that a field body made of sections cannot take much memory.
-constexpr std::size_t kMaxSections = 4096;
-
 // The sections of `name`, in the order written; only those that belong to
 // the first parameter of that name: the unsplit one, or all split ones.
 std::vector<Section> sections_of(std::string_view field, std::string_view name) {
   std::vector<Section> sections;
-  Field_reader in(field);
-  in.skip_to_separator();  // the media type
+  Header_lexer in(field, Header_syntax::kMediaType);
+  in.skip_to(';');  // the media type
   while (!in.at_end()) {
     in.advance();  // the ";"
     std::string_view found;
     Section section;
-    if (read_parameter(in, found, section) && same_name(found, name)) {
+    if (read_parameter(in, found, section) && EqualsIgnoringCase(found, name)) {
       if (section.number < 0) {
         if (sections.empty()) return {section};
       } else if (sections.size() < kMaxSections) {
         sections.push_back(section);
       }
     }
-    in.skip_to_separator();
+    in.skip_to(';');
   }
   return sections;
 }
@@ -228,9 +145,9 @@ std::vector<Section> sections_of(std::string_view field, std::string_view name) 
 }  // namespace
 
 std::string_view MediaMainType(std::string_view content_type) {
-  Field_reader in(content_type);
+  Header_lexer in(content_type, Header_syntax::kMediaType);
   in.skip_cfws();
-  return in.token(false);
+  return in.atom();
 }
 
 std::optional<std::string> MediaTypeParameter(std::string_view content_type,
@@ -241,7 +158,7 @@ std::optional<std::string> MediaTypeParameter(std::string_view content_type,
                    [](const Section& a, const Section& b) { return a.number < b.number; });
   std::string value;
   for (const Section& section : sections) {
-    const std::string text = value_text(content_type, section);
+    const std::string text = value_text(section);
     if (!section.extended) {
       value += text;
     } else if (section.number <= 0) {  // a name*= value, or the first section

@@ -1,5 +1,5 @@
-// Bounded-memory reading of the stored incoming message: the line window and
-// the header block reader.
+// Bounded-memory reading of the stored incoming message: the line window, the
+// header block reader and the search for a multipart's boundary lines.
 //
 // Owns a buffer of two windows; reads the borrowed descriptor with pread, so
 // several readers (and the decoder's range reads) never disturb each other's
@@ -9,54 +9,19 @@
 // whole message; only what the intake needs is kept.
 #include "autoresponder/intake/stored_message.h"
 
-#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "autoresponder/intake/body_selection.h"
+#include "autoresponder/intake/header_lexer.h"
+#include "lib/ascii.h"
 
 namespace {
 
-bool is_blank(char c) {
-  return c == ' ' || c == '\t';
-}
-
-bool is_control(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte < 32 || byte == 127;
-}
-
 bool is_empty_line(std::string_view line) {
   return line == "\n" || line.starts_with("\r\n");
-}
-
-// How the first line of a field reads: a name ending in a colon, a line that
-// is no field (stopped where the name broke off), or a name still open where
-// the line ends.
-struct Name_scan {
-  enum { kField, kNoField, kOpen } result;
-  std::size_t length;  // the name before trailing blanks, or where it broke off
-};
-
-Name_scan scan_name(std::string_view line) {
-  bool blank = false;
-  std::size_t name_end = 0;
-  for (std::size_t i = 0; i < line.size(); ++i) {
-    const char c = line[i];
-    // A line that starts with the colon is no field, though one that starts
-    // with blanks before it is (of an empty name).
-    if (c == ':') return {i == 0 ? Name_scan::kNoField : Name_scan::kField, blank ? name_end : i};
-    if (is_blank(c)) {
-      if (!blank) name_end = i;
-      blank = true;
-    } else if (blank || is_control(c)) {
-      return {Name_scan::kNoField, i};
-    }
-  }
-  return {Name_scan::kOpen, line.size()};
 }
 
 // A mailbox separator line that may precede a message's fields.
@@ -64,10 +29,6 @@ bool is_from_line(std::string_view line, std::size_t scanned) {
   std::string_view text = line.substr(0, scanned);
   if (text.starts_with('>')) text.remove_prefix(1);
   return text.starts_with("From ");
-}
-
-bool name_is(std::string_view name, const char* wanted) {
-  return name.size() == std::strlen(wanted) && strncasecmp(name.data(), wanted, name.size()) == 0;
 }
 
 // The fields a block keeps; the sender, subject, date and robot-guard fields
@@ -98,7 +59,7 @@ constexpr Kept_field kKeptFields[] = {
 std::optional<std::string>* field_slot(Entity_headers& headers, Header_block_kind kind,
                                        std::string_view name) {
   for (const Kept_field& field : kKeptFields) {
-    if (!name_is(name, field.name)) continue;
+    if (!EqualsIgnoringCase(name, field.name)) continue;
     if (field.message_only && kind == Header_block_kind::kPart) return nullptr;
     std::optional<std::string>* slot = &(headers.*field.slot);
     return slot->has_value() ? nullptr : slot;
@@ -183,6 +144,26 @@ Boundary_kind ClassifyBoundaryLine(std::string_view line, std::string_view delim
   return only_space(line) ? Boundary_kind::kDelimiter : Boundary_kind::kNone;
 }
 
+Boundary_hit NextBoundary(Stored_message_reader& reader, std::string_view delimiter) {
+  const off_t start = reader.offset();
+  for (;;) {
+    const std::string_view line = reader.peek_line();
+    if (line.empty()) return {Boundary_kind::kNone, reader.offset()};
+    const Boundary_kind kind = ClassifyBoundaryLine(line, delimiter);
+    if (kind == Boundary_kind::kNone) {
+      reader.consume_line();
+      continue;
+    }
+    off_t end = reader.offset();
+    if (end > start) {
+      --end;
+      const std::string_view text = line.substr(0, line.find('\n'));
+      if (end > start && reader.consumed_crlf() && text.ends_with('\r')) --end;
+    }
+    return {kind, end};
+  }
+}
+
 Entity_headers ReadHeaderBlock(Stored_message_reader& reader, Header_block_kind kind,
                                std::string_view delimiter) {
   Entity_headers headers;
@@ -220,7 +201,7 @@ Entity_headers ReadHeaderBlock(Stored_message_reader& reader, Header_block_kind 
   for (;;) {
     const std::string_view line = reader.peek_line();
     if (line.empty()) break;
-    if (!in_field || !is_blank(line.front())) {
+    if (!in_field || !IsBlank(line.front())) {
       close_field();
       if (is_empty_line(line)) {
         reader.consume_line();
@@ -232,14 +213,14 @@ Entity_headers ReadHeaderBlock(Stored_message_reader& reader, Header_block_kind 
         headers.content_start = reader.offset();
         return headers;
       }
-      const Name_scan name = scan_name(line);
+      const Field_name_scan name = ScanFieldName(line);
       const bool whole_line = line.back() == '\n' || line.size() == Stored_message_reader::kWindow;
-      if (name.result == Name_scan::kOpen && !whole_line) {
+      if (name.result == Field_name_scan::kOpen && !whole_line) {
         // The file ends inside a field name.
         headers.readable = false;
         return headers;
       }
-      if (name.result != Name_scan::kField && !any_field) {
+      if (name.result != Field_name_scan::kField && !any_field) {
         if (kind == Header_block_kind::kMessage && !is_from_line(line, name.length)) {
           headers.readable = false;
           return headers;
@@ -248,7 +229,7 @@ Entity_headers ReadHeaderBlock(Stored_message_reader& reader, Header_block_kind 
         continue;
       }
       in_field = true;
-      if (name.result == Name_scan::kField) {
+      if (name.result == Field_name_scan::kField) {
         any_field = true;
         slot = field_slot(headers, kind, line.substr(0, name.length));
         text_max = line.find(':') + 1 + kMaxKeptFieldBody;

@@ -83,6 +83,17 @@ enum class Boundary_kind { kNone, kDelimiter, kClose };
 // than the reader's window is neither.
 Boundary_kind ClassifyBoundaryLine(std::string_view line, std::string_view delimiter);
 
+struct Boundary_hit {
+  Boundary_kind kind;  // kNone: the file ended first
+  off_t content_end;   // where the content before the line ends
+};
+
+// Reads lines up to the next boundary line of `delimiter`, which stays
+// unread. The line feed before a boundary line belongs to the boundary, and
+// so does a carriage return before it when the boundary line itself ends in
+// CR LF.
+Boundary_hit NextBoundary(Stored_message_reader& reader, std::string_view delimiter);
+
 enum class Header_block_kind { kMessage, kPart };
 
 // Of a kept field body longer than this (a From list or a Subject of
