@@ -78,7 +78,7 @@ TEST_P(HostileMessage, EndsInBoundedTimeAndMemory) {
   EXPECT_EQ(run.exit_status, 0);
   EXPECT_EQ(run.err, GetParam().err);
 #ifndef __SANITIZE_ADDRESS__  // which has time and memory bounds of its own
-  EXPECT_LT(run.seconds, 2.0);
+  EXPECT_LT(run.seconds, e2e::kRunSecondsCeiling);
   EXPECT_LT(run.peak_rss_kib, GetParam().max_mib << 10);
 #endif
   EXPECT_TRUE(Sandbox::tmp_files().empty());

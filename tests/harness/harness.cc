@@ -24,12 +24,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "lib/mysql_handle.h"
 #include "lib/paths.h"
+#include "lib/unique_fd.h"
 
 extern char** environ;
 
@@ -294,14 +296,20 @@ std::vector<std::string> Sandbox::tmp_files() {
 
 RunResult run_program(const std::vector<std::string>& argv, std::string input,
                       const std::optional<std::string>& recipient,
-                      const std::map<std::string, std::string>& extra_env,
-                      const RunLimits& limits) {
+                      const std::map<std::string, std::string>& extra_env, const RunLimits& limits,
+                      const InputFeed& feed) {
   if (argv.empty()) throw std::runtime_error("run_program: empty argument vector");
   static std::atomic<unsigned> calls{0};
   const std::string scratch = Sandbox::path(kRunDir) + "/" + std::to_string(++calls);
   const std::string in_file = scratch + ".stdin";
   const std::string out_file = scratch + ".stdout";
   const std::string err_file = scratch + ".stderr";
+  // The scratch files go on every path out, a throw included.
+  const std::unique_ptr<const std::string, void (*)(const std::string*)> remove_scratch(
+      &scratch, [](const std::string* base) {
+        std::error_code ignored;  // a destructor must not throw
+        for (const char* end : {".stdin", ".stdout", ".stderr"}) fs::remove(*base + end, ignored);
+      });
   write_whole_file(in_file, input);
   std::string().swap(input);
 
@@ -325,18 +333,28 @@ RunResult run_program(const std::vector<std::string>& argv, std::string input,
   getrlimit(RLIMIT_FSIZE, &file_size);
   if (limits.file_size) file_size.rlim_cur = *limits.file_size;
 
-  const int in_fd = open(in_file.c_str(), O_RDONLY | O_CLOEXEC);
-  const int out_fd = open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  const int err_fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (in_fd < 0 || out_fd < 0 || err_fd < 0) {
-    throw std::runtime_error("run_program: cannot open the scratch files " + scratch + ".*");
+  // Owned, so nothing leaks when a step below throws.
+  Unique_fd in_fd, feed_fd;
+  if (int ends[2]; feed && pipe2(ends, O_CLOEXEC) == 0) {
+    in_fd = Unique_fd(ends[0]);
+    feed_fd = Unique_fd(ends[1]);
+  } else if (!feed) {
+    in_fd = Unique_fd(open(in_file.c_str(), O_RDONLY | O_CLOEXEC));
+  }
+  Unique_fd out_fd(open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  Unique_fd err_fd(open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!in_fd || !out_fd || !err_fd) {
+    throw std::runtime_error("run_program: cannot open the scratch files " + scratch +
+                             ".* or the pipe");
   }
 
   std::fflush(nullptr);
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
-    if (dup2(in_fd, 0) < 0 || dup2(out_fd, 1) < 0 || dup2(err_fd, 2) < 0) _exit(126);
+    if (dup2(in_fd.get(), 0) < 0 || dup2(out_fd.get(), 1) < 0 || dup2(err_fd.get(), 2) < 0) {
+      _exit(126);
+    }
     // The program starts as the mail system starts it: with the three
     // standard streams only (not, say, the harness's database socket).
     close_range(3, ~0U, 0);
@@ -349,10 +367,14 @@ RunResult run_program(const std::vector<std::string>& argv, std::string input,
     (void)!write(2, message, sizeof message - 1);
     _exit(127);
   }
-  close(in_fd);
-  close(out_fd);
-  close(err_fd);
+  for (Unique_fd* fd : {&in_fd, &out_fd, &err_fd}) fd->reset();
   if (pid < 0) throw std::runtime_error(std::string("run_program: fork: ") + std::strerror(errno));
+  if (feed) {
+    const auto old_handler = signal(SIGPIPE, SIG_IGN);  // a write after the child's end fails
+    feed(feed_fd.get());
+    feed_fd.reset();
+    signal(SIGPIPE, old_handler);
+  }
 
   RunResult result;
   int status = 0;
@@ -362,7 +384,9 @@ RunResult run_program(const std::vector<std::string>& argv, std::string input,
     const pid_t done = wait4(pid, &status, WNOHANG, &usage);
     if (done == pid) break;
     if (done < 0 && errno != EINTR) {
-      throw std::runtime_error(std::string("run_program: wait4: ") + std::strerror(errno));
+      const int error = errno;
+      kill(pid, SIGKILL);  // not left running behind the failure
+      throw std::runtime_error(std::string("run_program: wait4: ") + std::strerror(error));
     }
     if (std::chrono::steady_clock::now() > deadline) {
       kill(pid, SIGKILL);
@@ -378,7 +402,6 @@ RunResult run_program(const std::vector<std::string>& argv, std::string input,
   result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.out = read_whole_file(out_file);
   result.err = read_whole_file(err_file);
-  for (const std::string& file : {in_file, out_file, err_file}) fs::remove(file);
   return result;
 }
 
