@@ -194,6 +194,7 @@ INSTANTIATE_TEST_SUITE_P(
         LimitCase{"Zero", "ans_freq='0'", "", 2, 0, ""},
         LimitCase{"Negative", "ans_freq='-2'", "", 2, 0, ""},
         LimitCase{"Letters", "ans_freq='abc'", "", 2, 0, ""},
+        LimitCase{"EmptyIsNotTheNullDefault", "ans_freq=''", "", 2, 0, ""},
         LimitCase{"LeadingBlanksSignAndTrailingText", "ans_freq=' +2 a day'", "", 3, 2, "1:a@x=2"},
         LimitCase{"NullCountIsZero", "ans_freq='1'", "(1, 'a@x', NOW(), NULL)", 2, 1, "1:a@x=1"},
         LimitCase{"QuoteInSender", "ans_freq='1'", "", 2, 1, "1:o'b@x=1", "o'b@x"},
