@@ -5,24 +5,15 @@
 // ISO-8859-1. A rule searches the body for a key that is near the end or
 // absent; the program answers exactly when it is there, stays under 32 MiB
 // and leaves no file behind.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "tests/e2e/panel_rows.h"
 #include "tests/harness/harness.h"
-
-extern char** environ;
 
 namespace {
 
@@ -63,64 +54,6 @@ class Feed {
  private:
   int fd_;
 };
-
-struct Outcome {
-  int exit_status = -1;
-  long peak_rss_kib = 0;
-  std::string err;
-};
-
-// The program with `generate` writing its standard input through a pipe.
-Outcome run_streamed(const std::function<void(Feed&)>& generate) {
-  std::vector<std::string> env;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (!std::string_view(*entry).starts_with("RESP_RECIPIENT=")) env.emplace_back(*entry);
-  }
-  env.emplace_back("RESP_RECIPIENT=info@example.org");
-  std::vector<char*> env_block;
-  for (std::string& e : env) env_block.push_back(e.data());
-  env_block.push_back(nullptr);
-  std::string program = e2e::autoresponder_path();
-  char* argv[] = {program.data(), nullptr};
-
-  int pipe_fds[2];
-  if (pipe2(pipe_fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-  const int err_fd = memfd_create("stderr", MFD_CLOEXEC);
-  const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (dup2(pipe_fds[0], 0) < 0 || dup2(null_fd, 1) < 0 || dup2(err_fd, 2) < 0) _exit(126);
-    close_range(3, ~0U, 0);
-    execve(argv[0], argv, env_block.data());
-    _exit(127);
-  }
-  close(pipe_fds[0]);
-  close(null_fd);
-  const auto old_handler = std::signal(SIGPIPE, SIG_IGN);
-  {
-    Feed feed(pipe_fds[1]);
-    generate(feed);
-  }
-  close(pipe_fds[1]);
-  std::signal(SIGPIPE, old_handler);
-
-  Outcome outcome;
-  int status = 0;
-  rusage usage{};
-  while (wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
-  }
-  outcome.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  outcome.peak_rss_kib = usage.ru_maxrss;
-  char block[4096];
-  for (off_t at = 0;;) {
-    const ssize_t got = pread(err_fd, block, sizeof block, at);
-    if (got <= 0) break;
-    outcome.err.append(block, static_cast<std::size_t>(got));
-    at += got;
-  }
-  close(err_fd);
-  return outcome;
-}
 
 const std::string kHead = "From: sender@example.com\nSubject: hi\n";
 const std::string kLine = "0123456789abcdefghijklmnopqrstuvwxyz0123456789abcdefghijklmnopqrstuvw\n";
@@ -199,7 +132,11 @@ class BodySize : public e2e::EndToEndTest,
 
 TEST_P(BodySize, AnswersWhenTheKeyIsThereInBoundedMemory) {
   const auto& [shape, key] = GetParam();
-  const Outcome run = run_streamed([&](Feed& feed) { shape.message(feed, key); });
+  const e2e::RunResult run =
+      e2e::run_program({e2e::autoresponder_path()}, "", "info@example.org", {}, {}, [&](int fd) {
+        Feed feed(fd);
+        shape.message(feed, key);
+      });
   EXPECT_EQ(run.exit_status, 0);
   EXPECT_EQ(run.err, "");
 #ifndef __SANITIZE_ADDRESS__

@@ -71,10 +71,9 @@ class Explain : public e2e::EndToEndTest {
 
 struct Scenario {
   const char* name;
-  std::string setup;
-  std::string to;
-  std::string message;
-  std::vector<std::string> told;  // lines the explanation must hold
+  std::string setup = "";
+  std::vector<std::string> told = {};  // lines the explanation must hold
+  std::string to = "info@example.org";
   int status = 0;
   const char* databytes = nullptr;
   const char* hidden = nullptr;  // a table renamed away for the run
@@ -90,7 +89,7 @@ TEST_P(Scenarios, TellsAndChangesNothing) {
   TestDb::clear_statement_log();
   std::optional<panel::HiddenTable> hidden;
   if (c.hidden) hidden.emplace(c.hidden);
-  const auto result = explain(c.message, c.to);
+  const auto result = explain(kHello, c.to);
   hidden.reset();
   EXPECT_EQ(result.exit_status, c.status) << result.err;
   for (const std::string& line : c.told) EXPECT_THAT(result.out, HasSubstr(line));
@@ -105,72 +104,55 @@ const std::string kSecondRule =
 INSTANTIATE_TEST_SUITE_P(
     , Scenarios,
     ::testing::Values(
-        Scenario{"OneRuleAnswersAnotherDoesNot",
-                 kSecondRule + "UPDATE mail_resp SET key_where='subj', keystr='Hell' WHERE id=1",
-                 "info@example.org",
-                 kHello,
-                 {"mailbox: \"info@example.org\" (id 1), found by its own name\n",
-                  "rule 1: on; key \"Hell\" searched in the subject: found\n",
-                  "sender answered 0 (not remembered) times today; 0 senders remembered, "
-                  "mem_limit 1000: answers\n",
-                  "rule 2: on; key \"invoice\" searched in the body lines: not found\n",
-                  "mails: 1\n  reply (rule 1): ",
-                  "/usr/sbin/sendmail -f info@example.org a@x; 201 "
-                  "bytes\n"}},
-        Scenario{"SenderAtTheDailyLimit",
-                 "UPDATE mail_resp SET ans_freq='2';"
-                 "INSERT INTO resp_freq VALUES (1, 'a@x', NOW(), 2)",
-                 "info@example.org",
-                 kHello,
-                 {"ans_freq 2, sender answered 2 times today; 1 senders remembered, mem_limit "
-                  "1000: does not answer\n",
-                  "mails: none\n"}},
-        Scenario{"MemoryFullEvictsTheOldest",
-                 "UPDATE mail_resp SET mem_limit='1';"
-                 "INSERT INTO resp_freq VALUES (1, 'b@x', NOW(), 1)",
-                 "info@example.org",
-                 kHello,
-                 {"1 senders remembered, mem_limit 1, the oldest would be forgotten: answers\n"}},
-        Scenario{"ThroughADomainAlias",
-                 "",
-                 "info@example.net",
-                 kHello,
-                 {"(id 1), found by its domain alias\n", "mails: 1\n"}},
-        Scenario{"ForwardAndNotice",
-                 "INSERT INTO resp_forward (rn_id, address) VALUES (1, 'archive@example.org');"
-                 "INSERT INTO resp_attach (rn_id, filename) VALUES (1, 'a.txt'), (1, 'gone.pdf')",
-                 "info@example.org",
-                 kHello,
-                 {"attachments: found [\"a.txt\"], missing [\"gone.pdf\"]\n", "mails: 3\n",
-                  "  forward (rule 1): ", " -f info@example.org archive@example.org; 57 bytes\n",
-                  "  notice (rule 1): ", " owner@client.example; "}},
-        Scenario{"UnknownRecipient",
-                 "",
-                 "nobody@example.org",
-                 kHello,
-                 {"mailbox: not found by own name, mail alias, domain alias or mail alias in a "
-                  "domain alias\nmails: none\n"}},
-        Scenario{"LoopGuard",
-                 "",
-                 "a@x",
-                 kHello,
-                 {"guards: refused: Field From: equial field To:\nmails: none\n"}},
-        Scenario{"ReplyOverTheSizeLimit",
-                 "",
-                 "info@example.org",
-                 kHello,
-                 {"reply size: 201 bytes, databytes limit 100: over, replaced by the size notice\n",
-                  " -f info@example.org a@x; 155 bytes\n"},
-                 0,
-                 "100"},
-        Scenario{"FailedStatementEndsWithStatus1",
-                 "",
-                 "info@example.org",
-                 kHello,
-                 {"the run ended early"},
-                 1,
-                 nullptr,
-                 "resp_attach"}),
+        Scenario{.name = "OneRuleAnswersAnotherDoesNot",
+                 .setup = kSecondRule +
+                          "UPDATE mail_resp SET key_where='subj', keystr='Hell' WHERE id=1",
+                 .told = {"mailbox: \"info@example.org\" (id 1), found by its own name\n",
+                          "rule 1: on; key \"Hell\" searched in the subject: found\n",
+                          "sender answered 0 (not remembered) times today; 0 senders remembered, "
+                          "mem_limit 1000: answers\n",
+                          "rule 2: on; key \"invoice\" searched in the body lines: not found\n",
+                          "mails: 1\n  reply (rule 1): ",
+                          "/usr/sbin/sendmail -f info@example.org a@x; 201 bytes\n"}},
+        Scenario{.name = "SenderAtTheDailyLimit",
+                 .setup = "UPDATE mail_resp SET ans_freq='2';"
+                          "INSERT INTO resp_freq VALUES (1, 'a@x', NOW(), 2)",
+                 .told = {"ans_freq 2, sender answered 2 times today; 1 senders remembered, "
+                          "mem_limit 1000: does not answer\n",
+                          "mails: none\n"}},
+        Scenario{.name = "MemoryFullEvictsTheOldest",
+                 .setup = "UPDATE mail_resp SET mem_limit='1';"
+                          "INSERT INTO resp_freq VALUES (1, 'b@x', NOW(), 1)",
+                 .told = {"1 senders remembered, mem_limit 1, the oldest would be forgotten: "
+                          "answers\n"}},
+        Scenario{.name = "ThroughADomainAlias",
+                 .told = {"(id 1), found by its domain alias\n", "mails: 1\n"},
+                 .to = "info@example.net"},
+        Scenario{
+            .name = "ForwardAndNotice",
+            .setup = "INSERT INTO resp_forward (rn_id, address) VALUES (1, "
+                     "'archive@example.org');"
+                     "INSERT INTO resp_attach (rn_id, filename) VALUES (1, 'a.txt'), (1, "
+                     "'gone.pdf')",
+            .told = {"attachments: found [\"a.txt\"], missing [\"gone.pdf\"]\n", "mails: 3\n",
+                     "  forward (rule 1): ", " -f info@example.org archive@example.org; 57 bytes\n",
+                     "  notice (rule 1): ", " owner@client.example; "}},
+        Scenario{.name = "UnknownRecipient",
+                 .told = {"mailbox: not found by own name, mail alias, domain alias or mail "
+                          "alias in a domain alias\nmails: none\n"},
+                 .to = "nobody@example.org"},
+        Scenario{.name = "LoopGuard",
+                 .told = {"guards: refused: Field From: equial field To:\nmails: none\n"},
+                 .to = "a@x"},
+        Scenario{.name = "ReplyOverTheSizeLimit",
+                 .told = {"reply size: 201 bytes, databytes limit 100: over, replaced by the "
+                          "size notice\n",
+                          " -f info@example.org a@x; 155 bytes\n"},
+                 .databytes = "100"},
+        Scenario{.name = "FailedStatementEndsWithStatus1",
+                 .told = {"the run ended early"},
+                 .status = 1,
+                 .hidden = "resp_attach"}),
     panel::kCaseName);
 
 TEST_F(Explain, CannotTellWithoutDatabaseOrConfiguration) {

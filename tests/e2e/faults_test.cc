@@ -1,9 +1,10 @@
 // Faults around a run: sendmail missing, standard input closed or cut short,
-// standard error closed, an attachment that is a FIFO,
+// standard error closed,
 // /tmp full (a file-size limit), the database server shut down or killed
 // while the run waits for it. Each run ends by itself with the described
 // outcome, exit status 0 and no temporary file left. (answers_test has sendmail
-// failing or leaving early and an attachment that cannot be opened.)
+// failing or leaving early and an attachment that cannot be opened,
+// security_test attachments that are FIFOs, devices or directories.)
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -104,19 +105,6 @@ INSTANTIATE_TEST_SUITE_P(
                             .start = "exec \"$0\" 2>&-",
                             .message = kUnknownCharset,
                             .forwarded = kUnknownCharset + "\n"},
-                      Fault{.name = "AttachmentIsAFifo",
-                            .arrange =
-                                [] {
-                                  TestDb::exec(
-                                      "INSERT INTO resp_attach (rn_id, filename) "
-                                      "VALUES (1, 'pipe')");
-                                  ASSERT_EQ(mkfifo(Sandbox::path("var/qmail/mailnames/"
-                                                                 "example.org/info/@attachments/"
-                                                                 "pipe")
-                                                       .c_str(),
-                                                   0600),
-                                            0);
-                                }},
                       Fault{.name = "StdinClosed",
                             .err = kNoSender,
                             .sendmail_calls = 0,

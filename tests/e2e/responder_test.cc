@@ -194,6 +194,7 @@ INSTANTIATE_TEST_SUITE_P(
         LimitCase{"Zero", "ans_freq='0'", "", 2, 0, ""},
         LimitCase{"Negative", "ans_freq='-2'", "", 2, 0, ""},
         LimitCase{"Letters", "ans_freq='abc'", "", 2, 0, ""},
+        LimitCase{"EmptyIsNotTheNullDefault", "ans_freq=''", "", 2, 0, ""},
         LimitCase{"LeadingBlanksSignAndTrailingText", "ans_freq=' +2 a day'", "", 3, 2, "1:a@x=2"},
         LimitCase{"NullCountIsZero", "ans_freq='1'", "(1, 'a@x', NOW(), NULL)", 2, 1, "1:a@x=1"},
         LimitCase{"QuoteInSender", "ans_freq='1'", "", 2, 1, "1:o'b@x=1", "o'b@x"},
@@ -232,11 +233,13 @@ TEST_F(Responder, ACountThatCannotBeLockedIsKeptUnserialised) {
 }
 
 // Twenty runs of one message, held at their first resp_freq statement by a
-// table lock of the test's own until all wait there, then let go together.
+// table lock of the test's own until all wait there, then let go together;
+// rule 2 of the mailbox, with a limit of its own, counts apart.
 class Concurrency : public Responder, public ::testing::WithParamInterface<int> {};
 
 TEST_P(Concurrency, SimultaneousRunsCountEveryAnswerOnce) {
   panel::add_rule(1, 10, "ans_freq='" + std::to_string(GetParam()) + "'");
+  panel::add_rule(2, 10, "ans_freq='3'");
   Sandbox::write_file("message", "From: a@x\nTo: info@example.com\n\nHi\n");
   TestDb::exec("LOCK TABLES resp_freq WRITE");
   e2e::RunResult runs;
@@ -255,8 +258,8 @@ TEST_P(Concurrency, SimultaneousRunsCountEveryAnswerOnce) {
   TestDb::exec("UNLOCK TABLES");
   start.join();
   EXPECT_EQ(runs.out + runs.err, std::string(20, '0'));  // every exit status
-  EXPECT_EQ(remembered(), "1:a@x=" + std::to_string(GetParam()));
-  EXPECT_EQ(Sandbox::sendmail_calls().size(), static_cast<std::size_t>(GetParam()));
+  EXPECT_EQ(remembered(), "1:a@x=" + std::to_string(GetParam()) + ",2:a@x=3");
+  EXPECT_EQ(Sandbox::sendmail_calls().size(), GetParam() + 3u);
   EXPECT_TRUE(Sandbox::tmp_files().empty());
 }
 

@@ -17,9 +17,7 @@
 
 namespace {
 
-void check(bool condition, const char* what) {
-  if (!condition) ovk_fuzz::harness_failure(what);
-}
+using ovk_fuzz::check;
 
 void check_mailbox(const std::optional<Mailbox_address>& mailbox) {
   if (!mailbox) return;

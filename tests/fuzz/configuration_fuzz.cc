@@ -21,12 +21,10 @@
 
 namespace {
 
+using ovk_fuzz::check;
+
 // Names the program and the panel look up, and a few edge cases.
 constexpr const char* kNames[] = {"ORVIK_MAILNAMES_D", "MYSQL_HOST", "A", "", "_", "#"};
-
-void check(bool condition, const char* what) {
-  if (!condition) ovk_fuzz::harness_failure(what);
-}
 
 __attribute__((format(printf, 2, 3))) void formatting_log(int, const char* format, ...) {
   char text[256];

@@ -6,9 +6,11 @@
 // sanitizers and libFuzzer itself still report on standard error.
 #pragma once
 
+#include <glib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -39,6 +41,10 @@ inline void silence_cerr() {
   std::abort();
 }
 
+inline void check(bool condition, const char* what) {
+  if (!condition) harness_failure(what);
+}
+
 // An anonymous file holding one input, rewound to its start. Owns the
 // descriptor.
 class MemFile {
@@ -65,41 +71,11 @@ class MemFile {
   int fd_;
 };
 
-// Whether `text` is well-formed UTF-8: shortest forms only, no surrogates,
-// nothing above U+10FFFF.
-inline bool is_valid_utf8(const std::string& text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    std::size_t length;
-    std::uint32_t code;
-    if (lead < 0x80) {
-      ++i;
-      continue;
-    } else if (lead >= 0xC2 && lead <= 0xDF) {
-      length = 2;
-      code = lead & 0x1F;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      length = 3;
-      code = lead & 0x0F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      length = 4;
-      code = lead & 0x07;
-    } else {
-      return false;
-    }
-    if (text.size() - i < length) return false;
-    for (std::size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      code = (code << 6) | (next & 0x3F);
-    }
-    if ((length == 3 && code < 0x800) || (length == 4 && code < 0x10000)) return false;
-    if (code >= 0xD800 && code <= 0xDFFF) return false;
-    if (code > 0x10FFFF) return false;
-    i += length;
-  }
-  return true;
+// Whether `text` is well-formed UTF-8 (shortest forms only, no surrogates,
+// nothing above U+10FFFF); a NUL byte is a character like any other.
+inline bool is_valid_utf8(std::string text) {
+  std::replace(text.begin(), text.end(), '\0', ' ');
+  return g_utf8_validate_len(text.data(), text.size(), nullptr);
 }
 
 }  // namespace ovk_fuzz

@@ -18,9 +18,7 @@
 
 namespace {
 
-void check(bool condition, const char* what) {
-  if (!condition) ovk_fuzz::harness_failure(what);
-}
+using ovk_fuzz::check;
 
 void check_field(const std::optional<std::string>& field) {
   if (!field) return;

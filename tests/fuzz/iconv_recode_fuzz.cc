@@ -17,6 +17,8 @@
 
 namespace {
 
+using ovk_fuzz::check;
+
 struct CharsetPair {
   const char* from;
   const char* to;
@@ -36,10 +38,6 @@ constexpr CharsetPair kPairs[] = {
 };
 constexpr std::size_t kPairCount = std::size(kPairs);
 constexpr std::uint8_t kSkipInvalidBit = 0x80;
-
-void check(bool condition, const char* what) {
-  if (!condition) ovk_fuzz::harness_failure(what);
-}
 
 }  // namespace
 

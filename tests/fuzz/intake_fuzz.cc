@@ -27,11 +27,9 @@
 
 namespace {
 
-constexpr char kRecipient[] = "info@example.com";
+using ovk_fuzz::check;
 
-void check(bool condition, const char* what) {
-  if (!condition) ovk_fuzz::harness_failure(what);
-}
+constexpr char kRecipient[] = "info@example.com";
 
 std::string read_file(const char* path) {
   std::ifstream in(path, std::ios::binary);

@@ -15,9 +15,7 @@
 
 namespace {
 
-void check(bool condition, const char* what) {
-  if (!condition) ovk_fuzz::harness_failure(what);
-}
+using ovk_fuzz::check;
 
 bool needs_escape(const std::string& text) {
   for (const char c : text) {

@@ -25,16 +25,14 @@
 
 namespace {
 
+using ovk_fuzz::check;
+
 constexpr std::size_t kMaxEntries = 16;
 // Inputs whose whole result could exceed this are passed over.
 constexpr std::size_t kMaxRoom = std::size_t{1} << 24;
 constexpr std::uint32_t kOptionSets[] = {0, REPL_STOP_BEFORE_VALUE, REPL_KEEP_UNKNOWN,
                                          REPL_STOP_BEFORE_VALUE | REPL_KEEP_UNKNOWN};
 constexpr unsigned kFixedSizes[] = {1, 2, 7, 33, 999};
-
-void check(bool condition, const char* what) {
-  if (!condition) ovk_fuzz::harness_failure(what);
-}
 
 struct Entry {
   std::string name;

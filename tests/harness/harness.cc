@@ -24,12 +24,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "lib/mysql_handle.h"
 #include "lib/paths.h"
+#include "lib/unique_fd.h"
 
 extern char** environ;
 
@@ -67,47 +69,37 @@ void write_whole_file(const std::string& file, const std::string& content) {
 
 std::vector<std::string> split_at_nul(const std::string& text) {
   std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\0', start);
-    if (end == std::string::npos) end = text.size();
-    parts.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, '\0');) parts.push_back(part);
   return parts;
 }
 
-// An environment block for execve: NAME=value strings, each name once.
-class Environment {
- public:
-  Environment() {
-    for (char** entry = environ; *entry != nullptr; ++entry) entries_.emplace_back(*entry);
+// The test's environment with `changes` applied (nullopt: removed), as
+// NAME=value strings for execve.
+std::vector<std::string> environment_with(
+    const std::map<std::string, std::optional<std::string>>& changes) {
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    if (!changes.contains(text.substr(0, text.find('=')))) entries.push_back(text);
   }
-  void set(const std::string& name, const std::string& value) {
-    unset(name);
-    entries_.push_back(name + "=" + value);
+  for (const auto& [name, value] : changes) {
+    if (value) entries.push_back(name + "=" + *value);
   }
-  void unset(const std::string& name) {
-    const std::string prefix = name + "=";
-    std::erase_if(entries_, [&](const std::string& e) { return e.starts_with(prefix); });
-  }
-  std::vector<char*> block() {
-    std::vector<char*> pointers;
-    for (std::string& e : entries_) pointers.push_back(e.data());
-    pointers.push_back(nullptr);
-    return pointers;
-  }
+  return entries;
+}
 
- private:
-  std::vector<std::string> entries_;
-};
+// The first line of `file`; "" when it cannot be read.
+std::string first_line(const std::string& file) {
+  std::ifstream in(file);
+  std::string line;
+  std::getline(in, line);
+  return line;
+}
 
 // The socket named by the fixture, or "" when no test database runs.
 std::string current_socket() {
-  std::ifstream in(std::string(OVK_TESTDB_DIR) + "/socket");
-  std::string line;
-  if (!in || !std::getline(in, line)) return "";
-  return line;
+  return first_line(OVK_TESTDB_DIR "/socket");
 }
 
 // The client library reads MYSQL_UNIX_PORT at its first use in the process;
@@ -161,17 +153,18 @@ std::vector<std::vector<std::optional<std::string>>> rows_of(MYSQL* connection,
   const unsigned columns = mysql_num_fields(result.get());
   while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
     const unsigned long* lengths = mysql_fetch_lengths(result.get());
-    std::vector<std::optional<std::string>> values;
+    auto& values = rows.emplace_back();
     for (unsigned i = 0; i < columns; ++i) {
-      if (row[i] == nullptr) {
-        values.emplace_back(std::nullopt);
-      } else {
-        values.emplace_back(std::string(row[i], lengths[i]));
-      }
+      values.push_back(row[i] ? std::optional<std::string>({row[i], lengths[i]}) : std::nullopt);
     }
-    rows.push_back(std::move(values));
   }
   return rows;
+}
+
+std::optional<std::string> first_value(MYSQL* connection, const std::string& statement) {
+  const auto rows = rows_of(connection, statement);
+  if (rows.empty() || rows.front().empty()) return std::nullopt;
+  return rows.front().front();
 }
 
 std::vector<std::string> other_connections_statements(MYSQL* connection) {
@@ -268,14 +261,14 @@ std::vector<SendmailCall> Sandbox::sendmail_calls() {
   for (const std::string& seq : seqs) {
     const std::string base = (log / seq).string();
     SendmailCall call;
+    const auto part = [&](const char* end) {
+      return fs::exists(base + end) ? read_whole_file(base + end) : "";
+    };
     call.argv = split_at_nul(read_whole_file(base + ".args"));
-    if (fs::exists(base + ".stdin")) call.input = read_whole_file(base + ".stdin");
-    if (fs::exists(base + ".env")) call.environment = split_at_nul(read_whole_file(base + ".env"));
-    if (fs::exists(base + ".context")) call.context = read_whole_file(base + ".context");
-    if (fs::exists(base + ".times")) {
-      std::istringstream times(read_whole_file(base + ".times"));
-      times >> call.started >> call.ended;
-    }
+    call.input = part(".stdin");
+    call.environment = split_at_nul(part(".env"));
+    call.context = part(".context");
+    std::istringstream(part(".times")) >> call.started >> call.ended;
     calls.push_back(std::move(call));
   }
   return calls;
@@ -294,49 +287,62 @@ std::vector<std::string> Sandbox::tmp_files() {
 
 RunResult run_program(const std::vector<std::string>& argv, std::string input,
                       const std::optional<std::string>& recipient,
-                      const std::map<std::string, std::string>& extra_env,
-                      const RunLimits& limits) {
+                      const std::map<std::string, std::string>& extra_env, const RunLimits& limits,
+                      const InputFeed& feed) {
   if (argv.empty()) throw std::runtime_error("run_program: empty argument vector");
   static std::atomic<unsigned> calls{0};
   const std::string scratch = Sandbox::path(kRunDir) + "/" + std::to_string(++calls);
   const std::string in_file = scratch + ".stdin";
   const std::string out_file = scratch + ".stdout";
   const std::string err_file = scratch + ".stderr";
+  // The scratch files go on every path out, a throw included.
+  const std::unique_ptr<const std::string, void (*)(const std::string*)> remove_scratch(
+      &scratch, [](const std::string* base) {
+        std::error_code ignored;  // a destructor must not throw
+        for (const char* end : {".stdin", ".stdout", ".stderr"}) fs::remove(*base + end, ignored);
+      });
   write_whole_file(in_file, input);
   std::string().swap(input);
 
-  Environment env;
-  if (recipient) {
-    env.set("RESP_RECIPIENT", *recipient);
-  } else {
-    env.unset("RESP_RECIPIENT");
+  std::map<std::string, std::optional<std::string>> changes = {{"RESP_RECIPIENT", recipient}};
+  if (const std::string socket = current_socket(); !socket.empty()) {
+    changes["MYSQL_UNIX_PORT"] = socket;
   }
-  const std::string socket = current_socket();
-  if (!socket.empty()) env.set("MYSQL_UNIX_PORT", socket);
-  for (const auto& [name, value] : extra_env) env.set(name, value);
+  for (const auto& [name, value] : extra_env) changes[name] = value;
 
   // Everything the child needs is prepared before the fork.
-  std::vector<std::string> args = argv;
-  std::vector<char*> arg_block;
+  std::vector<std::string> args = argv, env = environment_with(changes);
+  std::vector<char*> arg_block, env_block;
   for (std::string& a : args) arg_block.push_back(a.data());
+  for (std::string& e : env) env_block.push_back(e.data());
   arg_block.push_back(nullptr);
-  std::vector<char*> env_block = env.block();
+  env_block.push_back(nullptr);
   rlimit file_size{};
   getrlimit(RLIMIT_FSIZE, &file_size);
   if (limits.file_size) file_size.rlim_cur = *limits.file_size;
 
-  const int in_fd = open(in_file.c_str(), O_RDONLY | O_CLOEXEC);
-  const int out_fd = open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  const int err_fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (in_fd < 0 || out_fd < 0 || err_fd < 0) {
-    throw std::runtime_error("run_program: cannot open the scratch files " + scratch + ".*");
+  // Owned, so nothing leaks when a step below throws.
+  Unique_fd in_fd, feed_fd;
+  if (int ends[2]; feed && pipe2(ends, O_CLOEXEC) == 0) {
+    in_fd = Unique_fd(ends[0]);
+    feed_fd = Unique_fd(ends[1]);
+  } else if (!feed) {
+    in_fd = Unique_fd(open(in_file.c_str(), O_RDONLY | O_CLOEXEC));
+  }
+  Unique_fd out_fd(open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  Unique_fd err_fd(open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!in_fd || !out_fd || !err_fd) {
+    throw std::runtime_error("run_program: cannot open the scratch files " + scratch +
+                             ".* or the pipe");
   }
 
   std::fflush(nullptr);
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
-    if (dup2(in_fd, 0) < 0 || dup2(out_fd, 1) < 0 || dup2(err_fd, 2) < 0) _exit(126);
+    if (dup2(in_fd.get(), 0) < 0 || dup2(out_fd.get(), 1) < 0 || dup2(err_fd.get(), 2) < 0) {
+      _exit(126);
+    }
     // The program starts as the mail system starts it: with the three
     // standard streams only (not, say, the harness's database socket).
     close_range(3, ~0U, 0);
@@ -349,10 +355,14 @@ RunResult run_program(const std::vector<std::string>& argv, std::string input,
     (void)!write(2, message, sizeof message - 1);
     _exit(127);
   }
-  close(in_fd);
-  close(out_fd);
-  close(err_fd);
+  for (Unique_fd* fd : {&in_fd, &out_fd, &err_fd}) fd->reset();
   if (pid < 0) throw std::runtime_error(std::string("run_program: fork: ") + std::strerror(errno));
+  if (feed) {
+    const auto old_handler = signal(SIGPIPE, SIG_IGN);  // a write after the child's end fails
+    feed(feed_fd.get());
+    feed_fd.reset();
+    signal(SIGPIPE, old_handler);
+  }
 
   RunResult result;
   int status = 0;
@@ -362,7 +372,9 @@ RunResult run_program(const std::vector<std::string>& argv, std::string input,
     const pid_t done = wait4(pid, &status, WNOHANG, &usage);
     if (done == pid) break;
     if (done < 0 && errno != EINTR) {
-      throw std::runtime_error(std::string("run_program: wait4: ") + std::strerror(errno));
+      const int error = errno;
+      kill(pid, SIGKILL);  // not left running behind the failure
+      throw std::runtime_error(std::string("run_program: wait4: ") + std::strerror(error));
     }
     if (std::chrono::steady_clock::now() > deadline) {
       kill(pid, SIGKILL);
@@ -378,7 +390,6 @@ RunResult run_program(const std::vector<std::string>& argv, std::string input,
   result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.out = read_whole_file(out_file);
   result.err = read_whole_file(err_file);
-  for (const std::string& file : {in_file, out_file, err_file}) fs::remove(file);
   return result;
 }
 
@@ -443,9 +454,7 @@ std::vector<std::vector<std::optional<std::string>>> TestDb::query(const std::st
 }
 
 std::optional<std::string> TestDb::scalar(const std::string& statement) {
-  const auto rows = query(statement);
-  if (rows.empty() || rows.front().empty()) return std::nullopt;
-  return rows.front().front();
+  return first_value(connection(), statement);
 }
 
 std::vector<std::string> TestDb::statements_sent() {
@@ -466,10 +475,8 @@ ExtraServer::ExtraServer(const std::string& name, const std::string& server_opti
   if (started.exit_status != 0) {
     throw std::runtime_error("cannot start the server in " + dir_ + ": " + started.err);
   }
-  std::string line;
-  std::ifstream in(dir_ + "/socket");
-  if (!std::getline(in, line)) throw std::runtime_error("no socket file in " + dir_);
-  socket_ = line;
+  socket_ = first_line(dir_ + "/socket");
+  if (socket_.empty()) throw std::runtime_error("no socket file in " + dir_);
   root_ = connect_root(socket_);
   run_statement(root_.get(), "TRUNCATE TABLE mysql.general_log");
 }
@@ -484,9 +491,7 @@ void ExtraServer::exec(const std::string& statement) {
 }
 
 std::optional<std::string> ExtraServer::scalar(const std::string& statement) {
-  const auto rows = rows_of(root_.get(), statement);
-  if (rows.empty() || rows.front().empty()) return std::nullopt;
-  return rows.front().front();
+  return first_value(root_.get(), statement);
 }
 
 void ExtraServer::kill(int signal) {

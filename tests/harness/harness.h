@@ -7,6 +7,7 @@
 #include <mysql.h>
 #include <sys/resource.h>
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -27,6 +28,11 @@ struct SendmailCall {
   double started = 0;  // seconds (CLOCK_REALTIME) at start and at end,
   double ended = 0;    // to check that children did not overlap
 };
+
+// The wall-clock ceiling a test may assert on a run: generous, so a loaded
+// machine does not fail it; it catches runaway (quadratic, unbounded) work
+// only. Speed goals are measured in bench/, as ratios to a baseline.
+constexpr double kRunSecondsCeiling = 30.0;
 
 struct RunResult {
   int exit_status = -1;   // exit status, or 128 + signal number
@@ -94,10 +100,14 @@ RunResult run_autoresponder(std::string message, const std::optional<std::string
 // when one runs, and `extra_env` applied last. A child that runs longer than
 // a minute is killed (status 128 + SIGKILL) and the test fails. Each call has
 // scratch files of its own, so threads may run programs at the same time.
+// With `feed`, standard input is a pipe instead, which `feed` writes (given
+// its descriptor; SIGPIPE ignored, so a write after the child's end fails)
+// while the child runs; `input` is then unused.
+using InputFeed = std::function<void(int fd)>;
 RunResult run_program(const std::vector<std::string>& argv, std::string input,
                       const std::optional<std::string>& recipient,
                       const std::map<std::string, std::string>& extra_env = {},
-                      const RunLimits& limits = {});
+                      const RunLimits& limits = {}, const InputFeed& feed = nullptr);
 
 // The path of the sandboxed binary.
 std::string autoresponder_path();

@@ -54,9 +54,16 @@ dpkg-deb -x "$deb" "$unpacked"
 for f in "$unpacked"/usr/share/man/*/* "$unpacked"/usr/share/doc/*/changelog.Debian.gz; do
   gzip -t "$f" 2>/dev/null || fail "not gzip data: ${f#"$unpacked"}"
 done
-# The installed program must carry the installed paths, not a sandbox's.
-strings "$unpacked/usr/sbin/autoresponder" | grep -qx '/etc/ovk/.ovk.shadow' ||
-  fail "the packaged program does not read /etc/ovk/.ovk.shadow"
+# The installed program must carry the installed paths, not a sandbox's:
+# the panel's and the mail system's files, its temporary file names and the
+# panel configuration's default mailbox root.
+program_strings=$(strings "$unpacked/usr/sbin/autoresponder")
+for path in /etc/ovk/ovk.conf /etc/ovk/.ovk.shadow /usr/sbin/sendmail \
+  /var/qmail/control/databytes /var/qmail/mailnames /tmp/ovk-autoresponder-XXXXXX \
+  /tmp/ovk-response-uu-XXXXXX /tmp/ovk-autoresponder-body-XXXXXX; do
+  printf '%s\n' "$program_strings" | grep -qxF "$path" ||
+    fail "the packaged program does not carry the path $path"
+done
 
 if command -v lintian >/dev/null 2>&1; then
   lintian --fail-on error "$deb" >"$build.lintian.log" 2>&1 ||

@@ -52,6 +52,12 @@ std::string in_pieces(const std::string& text, const std::string& from, std::siz
   }
 }
 
+const std::string kEveryByte = [] {
+  std::string all(256, '\0');
+  for (int i = 0; i < 256; ++i) all[i] = static_cast<char>(i);
+  return all;
+}();
+
 // name, charset, text
 using Recode_case = std::tuple<const char*, const char*, std::string>;
 class StreamedRecode : public testing::TestWithParam<Recode_case> {};
@@ -93,18 +99,8 @@ INSTANTIATE_TEST_SUITE_P(
         // A run of ASCII long enough to pass by, and more output than one pass.
         Recode_case{"Windows1252LongAsciiRun", "windows-1252",
                     "\x80\x81" + std::string(300, 'a') + "\xe9" + std::string(5000, '\x80')},
-        Recode_case{"Latin1EveryByte", "latin1",
-                    [] {
-                      std::string all(256, '\0');
-                      for (int i = 0; i < 256; ++i) all[i] = static_cast<char>(i);
-                      return all;
-                    }()},
-        Recode_case{"AsciiEveryByte", "us-ascii",
-                    [] {
-                      std::string all(256, '\0');
-                      for (int i = 0; i < 256; ++i) all[i] = static_cast<char>(255 - i);
-                      return all;
-                    }()},
+        Recode_case{"Latin1EveryByte", "latin1", kEveryByte},
+        Recode_case{"AsciiEveryByte", "us-ascii", {kEveryByte.rbegin(), kEveryByte.rend()}},
         Recode_case{"AsciiWithHighBytes", "US-ASCII", "a\x80\xff z"},
         Recode_case{"Iso2022JpEscapes", "ISO-2022-JP", "a\x1b$B$3$s\x1b(Bb\x1b$B$K\x1b(B"},
         Recode_case{"Utf16WithBom", "UTF-16", std::string("\xff\xfe\x61\x00\x3d\xd8\x00\xde", 8)},

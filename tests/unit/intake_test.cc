@@ -21,10 +21,12 @@
 #include "autoresponder/mail_content.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/paths.h"
+#include "tests/unit/text_case.h"
 
 namespace {
 
 using namespace std::string_literals;
+using text_case::repeat;
 
 std::string read_whole(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -99,22 +101,20 @@ TEST_P(CorpusTest, MatchesGoldenRecord) {
 INSTANTIATE_TEST_SUITE_P(Corpus, CorpusTest, testing::ValuesIn(corpus()),
                          [](const auto& p) { return p.param; });
 
+std::string base64(const std::string& text) {
+  gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size());
+  std::string result(encoded);
+  g_free(encoded);
+  return result;
+}
+
 // The blank line before the base64 text puts its quartets across the decoder's read blocks.
 TEST(IntakeTest, LargeBase64BodyCrossesReadBlocks) {
   const std::string text(300 * 1024, 'x');
-  gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size());
-  const std::string input =
-      "From: a@b\nContent-Transfer-Encoding: base64\n\n\n" + std::string(encoded);
-  g_free(encoded);
+  const std::string input = "From: a@b\nContent-Transfer-Encoding: base64\n\n\n" + base64(text);
   const auto [status, mail, err, stored] = take_in(input);
   EXPECT_EQ(stored, input + "\n");
   EXPECT_TRUE(mail.body == std::vector<std::string>{text});
-}
-
-std::string rep(const std::string& piece, std::size_t times) {
-  std::string out;
-  while (times-- > 0) out += piece;
-  return out;
 }
 
 // Fields past the kept length (kMaxKeptFieldBody): name, message, sender ("" when none), subject.
@@ -122,16 +122,16 @@ using Long_field_case = std::tuple<const char*, std::string, std::string, std::s
 const std::string kX(100000, 'x');
 const Long_field_case kLongFields[] = {
     {"FromCutKeepsCompleteAddresses",
-     "From: " + rep("<>,", 21000) + "ok@example.com,late" + kX + "@example.com\n\n",
+     "From: " + repeat("<>,", 21000) + "ok@example.com,late" + kX + "@example.com\n\n",
      "ok@example.com", ""},
-    {"FromCutAddressNotTaken", "From: " + rep("<>,", 21840) + "late" + kX + "@example.com\n\n", "",
-     ""},
+    {"FromCutAddressNotTaken", "From: " + repeat("<>,", 21840) + "late" + kX + "@example.com\n\n",
+     "", ""},
     {"ReplyToCutFallsBackToFrom",
-     "Reply-To: " + rep("g: a@example.com;, ", 4000) + "\nFrom: f@example.com\n\n", "f@example.com",
-     ""},
+     "Reply-To: " + repeat("g: a@example.com;, ", 4000) + "\nFrom: f@example.com\n\n",
+     "f@example.com", ""},
     {"SubjectCutAtItsLastBlank",
-     "From: a@example.com\nSubject: " + rep("=?utf-8?q?ab?= ", 5000) + "\n\n", "a@example.com",
-     rep("ab", 4369)},
+     "From: a@example.com\nSubject: " + repeat("=?utf-8?q?ab?= ", 5000) + "\n\n", "a@example.com",
+     repeat("ab", 4369)},
     {"SubjectWithoutBlankCutAtTheLength", "From: a@example.com\nSubject:\t" + kX + "\n\n",
      "a@example.com", std::string(65535, 'x')},
 };
@@ -151,13 +151,6 @@ TEST_P(LongFieldTest, KeepsTheBeginning) {
 
 INSTANTIATE_TEST_SUITE_P(LongFields, LongFieldTest, testing::ValuesIn(kLongFields),
                          [](const auto& p) { return std::string(std::get<0>(p.param)); });
-
-std::string base64(const std::string& text) {
-  gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size());
-  std::string result(encoded);
-  g_free(encoded);
-  return result;
-}
 
 // name, message after "From: a@b\n", body lines, report
 using Body_case = std::tuple<const char*, std::string, std::vector<std::string>, std::string>;

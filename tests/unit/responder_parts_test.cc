@@ -1,33 +1,13 @@
-// Parts of the responder that need no database: rules read from mail_resp rows,
-// and the reply's boundary and subject.
+// Parts of the responder that need no database: the reply's boundary and subject.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <regex>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "autoresponder/responder/composition.h"
-#include "autoresponder/responder/rules.h"
 
 namespace {
-
-using Fields = std::vector<std::string>;
-
-Fields rule_of(std::array<const char*, 11> row) {  // null pointers for NULL
-  const Resp_rule r = rule_from_row(const_cast<char**>(row.data()));
-  return {r.id,        r.keystr,  r.key_where, r.text,    r.resp_on,     r.ans_freq,
-          r.mem_limit, r.subject, r.reply_to,  r.charset, r.content_type};
-}
-
-TEST(RuleFromRow, NullsTakeTheirDefaultsAndColumnsKeepTheirOrder) {
-  EXPECT_EQ(rule_of({}),
-            (Fields{"0", "", "no", "", "false", "10", "1000", "", "", "UTF-8", "text/plain"}));
-  EXPECT_EQ(rule_of({"", "", "", "", "", "", "", "", "", "", ""}), Fields(11, ""));
-  EXPECT_EQ(rule_of({"7", "k", "subj", "Hi", "true", "3", "50", "S", "r@x", "ISO-8859-1", "t/h"}),
-            (Fields{"7", "k", "subj", "Hi", "true", "3", "50", "S", "r@x", "ISO-8859-1", "t/h"}));
-}
 
 TEST(Boundary, PrefixAnd29LettersDrawnFromAll52) {
   std::set<char> letters;
