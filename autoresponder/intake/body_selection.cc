@@ -12,8 +12,6 @@
 // unreadable or missing content is an empty body.
 #include "autoresponder/intake/body_selection.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <limits>
 #include <vector>
