@@ -1,6 +1,7 @@
 // The installed build (empty ROOT_PREFIX) uses exactly the panel's and the mail system's paths.
 #include <gtest/gtest.h>
 
+#include "autoresponder/run_files.h"
 #include "lib/autoprepend.h"
 #include "lib/paths.h"
 
