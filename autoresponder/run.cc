@@ -35,6 +35,7 @@
 #include "autoresponder/responder/responder.h"
 #include "autoresponder/robot_guards.h"
 #include "autoresponder/run_end.h"
+#include "autoresponder/run_files.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/autoprepend.h"
 #include "lib/dbconnect.h"

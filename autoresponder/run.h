@@ -5,7 +5,7 @@
 #include "autoresponder/run_seam.h"
 
 // Removes the two temporary files named in mail_file_name and
-// resp_uu_file_name (lib/paths.h) and ends the process with status 0.
+// resp_uu_file_name (autoresponder/run_files.h) and ends the process with status 0.
 [[noreturn]] void correct_exit();
 // The removal alone, for a run that does not end the process.
 void remove_temporary_files();

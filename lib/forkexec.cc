@@ -26,9 +26,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <memory>
 
+#include "lib/c_owners.h"
 #include "lib/paths.h"
 #include "lib/put.h"
+#include "lib/write_all.h"
 
 extern char** environ;
 
@@ -50,20 +53,11 @@ struct Child_outcome {
 };
 volatile Child_outcome child_outcome;
 
-// Writes the pieces to `fd` whole, retrying short writes; errors are ignored,
-// as the child's own report had nowhere else to go.
-void write_all(int fd, std::initializer_list<const char*> pieces) {
+// Writes the pieces to `fd` whole; errors are ignored, as the child's own
+// report had nowhere else to go.
+void write_pieces(int fd, std::initializer_list<const char*> pieces) {
   for (const char* piece : pieces) {
-    std::size_t left = std::strlen(piece);
-    while (left > 0) {
-      const ssize_t written = ::write(fd, piece, left);
-      if (written < 0) {
-        if (errno == EINTR) continue;
-        return;
-      }
-      piece += written;
-      left -= static_cast<std::size_t>(written);
-    }
+    if (!write_all(fd, piece, std::strlen(piece))) return;
   }
 }
 
@@ -114,9 +108,9 @@ void report_child_failure(const volatile Child_outcome& outcome, int err, const 
   if (outcome.failure == Child_failure::kNone || err == -1) return;
   const char* text = std::strerror(outcome.error);
   if (outcome.failure == Child_failure::kDescriptors) {
-    write_all(err, {"fork_execv: dup() failed: ", text, "\n"});
+    write_pieces(err, {"fork_execv: dup() failed: ", text, "\n"});
   } else {
-    write_all(err, {"fork_execv: execv(\"", path, "\") failed: ", text, "\n"});
+    write_pieces(err, {"fork_execv: execv(\"", path, "\") failed: ", text, "\n"});
   }
 }
 
@@ -150,14 +144,14 @@ pid_t fork_execl_pipes(int in, int out, int err, const char* path, ...) {
   while (va_arg(args, const char*) != nullptr) ++count;
   va_end(args);
 
-  auto* vector = static_cast<const char**>(std::malloc((count + 1) * sizeof(const char*)));
-  if (vector == nullptr) messlog2(1, 0, "malloc() failed: %s", std::strerror(errno));
+  // Freed also when a failed fork ends the run by unwinding.
+  const std::unique_ptr<const char*[], FreeDeleter> vector(
+      static_cast<const char**>(std::malloc((count + 1) * sizeof(const char*))));
+  if (!vector) messlog2(1, 0, "malloc() failed: %s", std::strerror(errno));
   va_start(args, path);
   for (std::size_t i = 0; i < count; ++i) vector[i] = va_arg(args, const char*);
   va_end(args);
   vector[count] = nullptr;
 
-  const pid_t pid = fork_execv_pipes(in, out, err, path, vector);
-  std::free(vector);
-  return pid;
+  return fork_execv_pipes(in, out, err, path, vector.get());
 }

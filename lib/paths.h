@@ -25,10 +25,10 @@ extern const char kDevNull[];           // /dev/null, never relocated
 
 }  // namespace orvik::paths
 
-// The run's two temporary-file names (see autoresponder/run.h). Writable
-// buffers exactly as long as their template plus the terminating NUL; mkstemp
-// completes them in place. They hold either the template or the generated name.
-extern char mail_file_name[];
-extern char resp_uu_file_name[];
-extern const std::size_t kMailFileNameSize;
-extern const std::size_t kRespUuFileNameSize;
+#ifdef ROOT_PREFIX
+// Two templates as literals, for a program that keeps a writable copy of one
+// (mkstemp completes it in place) in a buffer of exactly its size. Only
+// sources compiled with the build's ROOT_PREFIX, as paths.cc is, see them.
+#define OVK_MAIL_TEMPLATE ROOT_PREFIX "/tmp/ovk-autoresponder-XXXXXX"
+#define OVK_RESPONSE_TEMPLATE ROOT_PREFIX "/tmp/ovk-response-uu-XXXXXX"
+#endif

@@ -104,25 +104,22 @@ int conf_init_r(conf_data* store) {
 
 int conf_set_r(const char* name, const char* value, conf_data* store) {
   if (conf_init_r(store) != 0) return -1;
-  char* key_copy = strdup(name);
-  char* value_copy = strdup(value);
-  if (key_copy == nullptr || value_copy == nullptr) {
-    std::free(key_copy);
-    std::free(value_copy);
+  MallocChars key_copy(strdup(name));
+  MallocChars value_copy(strdup(value));
+  if (!key_copy || !value_copy) {
     orvik_log(kConfLogLevel, "Unable to form configuration: %s", std::strerror(ENOMEM));
     errno = ENOMEM;
     return -1;
   }
   for (std::size_t i = 0; i < store->nmemb; ++i) {
     conf_entry& entry = store->data[i];
-    if (std::strcmp(entry.key, key_copy) == 0) {
+    if (std::strcmp(entry.key, key_copy.get()) == 0) {
       std::free(entry.value);
-      entry.value = value_copy;
-      std::free(key_copy);
+      entry.value = value_copy.release();
       return 0;
     }
   }
-  store->data[store->nmemb++] = conf_entry{key_copy, value_copy};
+  store->data[store->nmemb++] = conf_entry{key_copy.release(), value_copy.release()};
   store->finalized = 0;
   return 0;
 }

@@ -12,12 +12,11 @@
 #include <cerrno>
 #include <cstring>
 
+#include "lib/unique_fd.h"
+
 struct Body_text::File {
-  int fd;
+  Unique_fd fd;
   explicit File(int fd_in) : fd(fd_in) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() { close(fd); }
 };
 
 Body_text::Body_text(int fd, off_t start, off_t end)
@@ -27,7 +26,7 @@ ssize_t Body_text::read_at(char* into, std::size_t size, off_t at) const {
   if (!file_ || at >= end_ - start_) return 0;
   size = static_cast<std::size_t>(std::min<off_t>(static_cast<off_t>(size), end_ - start_ - at));
   for (;;) {
-    const ssize_t got = pread(file_->fd, into, size, start_ + at);
+    const ssize_t got = pread(file_->fd.get(), into, size, start_ + at);
     if (got >= 0 || errno != EINTR) return got < 0 ? 0 : got;
   }
 }

@@ -37,44 +37,18 @@
 #include "autoresponder/intake/address_list.h"
 #include "autoresponder/intake/body_selection.h"
 #include "autoresponder/intake/stored_message.h"
+#include "autoresponder/run_files.h"
 #include "lib/paths.h"
 #include "lib/text_encoding/iconv_recode.h"
 #include "lib/text_encoding/rfc1522.h"
+#include "lib/unique_fd.h"
+#include "lib/write_all.h"
 
 namespace {
 
 // Standard input is copied in blocks of this size: large enough that the
 // copy runs at the speed of a plain file copy.
 constexpr std::size_t kSpoolBlockSize = 128 * 1024;
-
-class Unique_fd {
- public:
-  explicit Unique_fd(int fd) noexcept : fd_(fd) {}
-  Unique_fd(const Unique_fd&) = delete;
-  Unique_fd& operator=(const Unique_fd&) = delete;
-  ~Unique_fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const noexcept { return fd_; }
-  int release() noexcept { return std::exchange(fd_, -1); }
-  explicit operator bool() const noexcept { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
-
-bool write_all(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += written;
-    size -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
 
 // Copies `input` to `spool` and adds one line feed, so the stored message is
 // the input with its last line terminated, plus an empty last line when the

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "autoresponder/mail_content.h"
+#include "autoresponder/run_files.h"
 
 // Copies standard input to the temporary file named by mail_file_name, parses
 // it and fills `mail`. Returns 0 when filled, 1 after reporting a failure on

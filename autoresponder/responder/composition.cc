@@ -32,17 +32,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <memory>
-#include <new>
+#include <ostream>
 #include <stdexcept>
 
+#include "autoresponder/responder/failure_report.h"
+#include "autoresponder/run_files.h"
 #include "lib/base64.h"
+#include "lib/c_owners.h"
 #include "lib/paths.h"
-#include "lib/put.h"
 #include "lib/text_encoding/iconv_recode.h"
 #include "lib/text_encoding/idn.h"
 #include "lib/text_encoding/rfc1522.h"
+#include "lib/unique_fd.h"
+#include "lib/write_all.h"
 
 namespace {
 
@@ -59,31 +62,28 @@ constexpr std::size_t kBase64LineChars = kBase64LineBytes / 3 * 4;
 // grow with it.
 constexpr std::size_t kStreamBufferBytes = 64 * 1024;
 
-struct FileCloser {
-  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
-
 // Opens an attachment for reading, a regular file only: never through a
 // symbolic link (ELOOP), never blocking on a FIFO that was put in place after
 // the lookup, and nothing but a regular file (checked on the descriptor that
 // is read, so no rename in between can change it): a device such as
 // /dev/zero would never end, a directory reads nothing.
 UniqueFile open_attachment(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return nullptr;
+  Unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return nullptr;
   struct stat status {};
-  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-    close(fd);
+  if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    fd.reset();
     errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return nullptr;
   }
-  UniqueFile file(fdopen(fd, "r"));
+  UniqueFile file(fdopen(fd.get(), "r"));
   if (!file) {
     const int error = errno;
-    close(fd);
+    fd.reset();
     errno = error;
+    return nullptr;
   }
+  fd.release();
   return file;
 }
 
@@ -102,8 +102,7 @@ bool write_base64_file(std::ostream& out, const Response_writer& writer, const s
   UniqueFile file = open_attachment(path);
   if (!file) {
     const int error = errno;
-    std::cerr << "autoresponder: Failed to read attachement file '" << path
-              << "': " << std::strerror(error) << " (" << error << ")" << std::endl;
+    report_system_error("autoresponder: Failed to read attachement file '" + path + "': ", error);
     return true;
   }
   std::setvbuf(file.get(), nullptr, _IOFBF, kStreamBufferBytes);
@@ -217,18 +216,9 @@ Response_writer::~Response_writer() {
 
 bool Response_writer::flush_buffer() {
   const char* next = pbase();
-  std::size_t left = static_cast<std::size_t>(pptr() - pbase());
+  const std::size_t left = static_cast<std::size_t>(pptr() - pbase());
   flushed_ += left;
-  while (left > 0 && !failed_) {
-    const ssize_t written = ::write(fd_, next, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      failed_ = true;
-      break;
-    }
-    next += written;
-    left -= static_cast<std::size_t>(written);
-  }
+  if (!failed_ && !write_all(fd_, next, left)) failed_ = true;
   setp(buffer_.get(), buffer_.get() + kStreamBufferBytes);
   return !failed_;
 }
@@ -279,9 +269,7 @@ void compose_response(const Mail_content& mail, const Resp_rule& rule,
     write_response(out, writer, mail, rule, encoded_subject, attach_dir, found_attachments,
                    resp_boundary, size_limit, extra_fields);
     writer.pubsync();
-  } catch (const orvik::idn::IdnaError& error) {
-    messlog2(1, 0, "IDN conversion error: %s", error.what());
-  } catch (const std::bad_alloc&) {
-    messlog2(1, 0, "Program failed due to exhausted memory");
+  } catch (...) {
+    end_run_for_reply_failure(false);
   }
 }

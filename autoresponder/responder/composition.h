@@ -9,6 +9,7 @@
 
 #include "autoresponder/mail_content.h"
 #include "autoresponder/responder/rules.h"
+#include "autoresponder/run_files.h"
 #include "autoresponder/templates.h"
 #include "lib/unique_fd.h"
 

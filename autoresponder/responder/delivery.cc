@@ -26,17 +26,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <limits>
-#include <new>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "autoresponder/responder/composition.h"
+#include "autoresponder/responder/failure_report.h"
+#include "autoresponder/run_files.h"
 #include "lib/paths.h"
-#include "lib/put.h"
 #include "lib/text_encoding/idn.h"
 #include "lib/text_encoding/rfc1522.h"
 #include "lib/unique_fd.h"
@@ -99,19 +98,14 @@ void apply_size_limit(const Mail_content& mail, const Resp_rule& rule, Response_
   if (over) write_size_notice(mail, rule, file);
 }
 
-// One line: "autoresponder: ", the text, the error's text and number.
-void report_errno(const std::string& text, int error) {
-  std::cerr << "autoresponder: " << text << std::strerror(error) << " (" << error << ")"
-            << std::endl;
-}
-
 void hand_to_sendmail(const Mail_content& mail, const Response_file& file, Mail_sink& sink) {
   // Read from its first byte; the descriptor's offset is the child's too.
   if (!file.fd || lseek(file.fd.get(), 0, SEEK_SET) != 0) {
     if (!file.fd) errno = file.error;
-    report_errno(std::string("Failed to open temporary file with response mail contents '") +
-                     resp_uu_file_name + "': ",
-                 errno);
+    report_system_error(
+        std::string("autoresponder: Failed to open temporary file with response mail contents '") +
+            resp_uu_file_name + "': ",
+        errno);
     throw std::runtime_error("Failed to generate response mail contents");
   }
   // The run's loop guards refuse such a sender; this keeps it so for every
@@ -120,7 +114,7 @@ void hand_to_sendmail(const Mail_content& mail, const Response_file& file, Mail_
   const std::string envelope_sender = orvik::idn::toAscii(mail.to);
   if (!sink.send_file(Outgoing::kReply, {orvik::paths::kSendmail, "-f", envelope_sender, mail.from},
                       file.fd.get())) {
-    report_errno("Failed to spawn sendmail for response: ", errno);
+    report_system_error("autoresponder: Failed to spawn sendmail for response: ", errno);
     throw std::runtime_error("Failed to spawn sendmail to send response mail");
   }
 }
@@ -132,12 +126,8 @@ void deliver_response(const Mail_content& mail, const Resp_rule& rule, Response_
   try {
     apply_size_limit(mail, rule, file, databytes_limit, observer);
     hand_to_sendmail(mail, file, sink);
-  } catch (const orvik::idn::IdnaError& error) {
-    messlog2(1, 0, "IDN conversion error: %s", error.what());
-  } catch (const std::bad_alloc&) {
-    messlog2(1, 0, "Program failed due to exhausted memory");
-  } catch (const std::runtime_error& error) {
-    messlog2(1, 0, "Send error: %s", error.what());
+  } catch (...) {
+    end_run_for_reply_failure(true);
   }
   // The name stays in the buffer; the end of the run removes it once more.
   file.fd.reset();

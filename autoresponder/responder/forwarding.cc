@@ -17,11 +17,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <iostream>
 #include <vector>
 
 #include "autoresponder/responder/db_statement.h"
+#include "autoresponder/responder/failure_report.h"
+#include "autoresponder/run_files.h"
 #include "lib/paths.h"
 #include "lib/unique_fd.h"
 
@@ -37,12 +38,6 @@ std::vector<std::string> forwarding_list(MYSQL* connection, const std::string& r
     if (row[0] != nullptr) addresses.emplace_back(row[0]);
   }
   return addresses;
-}
-
-// One report line for a failed system call: the text, the system's words for
-// the error and its number.
-void report_system_error(const std::string& what, int error) {
-  std::cerr << what << std::strerror(error) << " (" << error << ")\n";
 }
 
 }  // namespace

@@ -8,11 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <iostream>
 
 #include "autoresponder/pipe_stream.h"
 #include "autoresponder/responder/child_wait.h"
+#include "autoresponder/responder/failure_report.h"
 #include "autoresponder/run_seam.h"
 #include "lib/forkexec.h"
 #include "lib/paths.h"
@@ -26,10 +26,6 @@ std::vector<const char*> argv_of(const std::vector<std::string>& argv) {
   for (const std::string& word : argv) pointers.push_back(word.c_str());
   pointers.push_back(nullptr);
   return pointers;
-}
-
-void report_system_error(const char* what, int error) {
-  std::cerr << what << std::strerror(error) << " (" << error << ")\n";
 }
 
 class Sendmail_sink final : public Mail_sink {
