@@ -9,7 +9,6 @@
 // the sender's address is looked at.
 #include "autoresponder/robot_guards.h"
 
-#include <fcntl.h>
 
 #include <algorithm>
 #include <cctype>
@@ -17,7 +16,6 @@
 
 #include "lib/ascii.h"
 #include "lib/autoprepend.h"
-#include "lib/unique_fd.h"
 
 namespace {
 
@@ -77,10 +75,9 @@ bool robot_guards_on() {
          EqualsIgnoringCase(word, "on");
 }
 
-std::optional<Entity_headers> robot_fields(const char* stored_message) {
-  Unique_fd file(open(stored_message, O_RDONLY | O_CLOEXEC));
-  if (!file) return std::nullopt;
-  Stored_message_reader reader(file.get());
+std::optional<Entity_headers> robot_fields(int stored_message) {
+  if (stored_message < 0) return std::nullopt;
+  Stored_message_reader reader(stored_message);
   return ReadHeaderBlock(reader, Header_block_kind::kMessage);
 }
 

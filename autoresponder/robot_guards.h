@@ -19,9 +19,9 @@ inline constexpr std::size_t kMessageIdMax = 900;
 // "yes" or "on", in any case.
 bool robot_guards_on();
 
-// The header fields of the stored message the guards read; nullopt when the
-// file cannot be opened.
-std::optional<Entity_headers> robot_fields(const char* stored_message);
+// The header fields the guards read, from the stored message's descriptor
+// (read with pread); nullopt without one.
+std::optional<Entity_headers> robot_fields(int stored_message);
 
 // The line to report when the message must not be answered, or nullopt.
 std::optional<std::string> robot_refusal(const Mail_content& mail, const Entity_headers& fields);

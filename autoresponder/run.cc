@@ -95,7 +95,7 @@ Run_outcome take_in_and_answer(Mail_content& mail, Run_seam& seam) {
   }
   const bool guards_on = robot_guards_on();
   if (guards_on) {
-    const Entity_headers fields = robot_fields(mail_file_name).value_or(Entity_headers{});
+    const Entity_headers fields = robot_fields(stored_message_fd()).value_or(Entity_headers{});
     if (const auto refusal = robot_refusal(mail, fields)) {
       refuse(*refusal, seam);
       return Run_outcome::kRefused;

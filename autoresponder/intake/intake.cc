@@ -208,6 +208,7 @@ int parse_message(Mail_content* mail) {
     std::cerr << "Could not create a temporary file." << std::endl;
     return 1;
   }
+  keep_stored_message_fd(spool.get());
   spool_input(STDIN_FILENO, spool.get());
 
   Stored_message_reader reader(spool.get());

@@ -13,7 +13,6 @@
 // sendmail would read as an option, is left out with a report line.
 #include "autoresponder/responder/forwarding.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,7 +23,6 @@
 #include "autoresponder/responder/failure_report.h"
 #include "autoresponder/run_files.h"
 #include "lib/paths.h"
-#include "lib/unique_fd.h"
 
 namespace {
 
@@ -47,11 +45,11 @@ void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_
   const std::vector<std::string> addresses = forwarding_list(connection, rule_id);
   if (addresses.empty()) return;
 
-  // Opened anew for every forwarding rule, so each forward starts at the
-  // message's first byte.
-  Unique_fd message(open(mail_file_name, O_RDONLY));
-  if (message.get() < 0) {
-    const int open_error = errno;
+  // The intake's descriptor, never the file's name; put back at the
+  // message's first byte for every forwarding rule.
+  const int message = stored_message_fd();
+  if (message < 0 || lseek(message, 0, SEEK_SET) != 0) {
+    const int open_error = message < 0 ? EBADF : errno;
     report_system_error(std::string("autoresponder: Failed to open temporary file with forward "
                                     "mail contents '") +
                             mail_file_name + "': ",
@@ -71,7 +69,7 @@ void forward_incoming(MYSQL* connection, const std::string& rule_id, const Mail_
     argv.push_back(address);
   }
   if (argv.size() == 3) return;
-  if (!sink.send_file(Outgoing::kForward, argv, message.get())) {
+  if (!sink.send_file(Outgoing::kForward, argv, message)) {
     report_system_error("autoresponder: Failed to spawn sendmail for forwarding: ", errno);
   }
 }
