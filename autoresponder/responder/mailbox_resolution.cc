@@ -9,48 +9,43 @@
 // recipient is the caller's to report.
 #include "autoresponder/responder/mailbox_resolution.h"
 
-#include <iterator>
-
 #include "autoresponder/responder/db_statement.h"
 #include "lib/autoprepend.h"
 
 namespace {
 
-std::string own_name_lookup(const char* esc_domain, const char* esc_mailname) {
-  return std::string(
-             "select m.id, m.mail_name, d.name from mail m, domains d where m.dom_id=d.id and "
-             "d.name='") +
-         esc_domain + "' and m.mail_name='" + esc_mailname + "'";
-}
+// The four lookups, tried in this order; each statement is its text before
+// the escaped domain, between the domain and the escaped local part, and
+// after the local part.
+struct Lookup {
+  const char* route;  // how the mailbox was reached, for the explanation
+  const char* before_domain;
+  const char* before_mailname;
+  const char* after_mailname;
+};
+constexpr Lookup kLookups[] = {
+    {"own name",
+     "select m.id, m.mail_name, d.name from mail m, domains d where m.dom_id=d.id and d.name='",
+     "' and m.mail_name='", "'"},
+    {"mail alias",
+     "select m.id, m.mail_name, d.name from mail m, mail_aliases ma, domains d where "
+     "m.id=ma.mn_id and m.dom_id=d.id and d.name='",
+     "' and ma.alias='", "'"},
+    {"domain alias",
+     "select m.id, m.mail_name, d.name from mail m, domains d, domainaliases da where "
+     "m.dom_id=d.id and d.id=da.dom_id and da.name='",
+     "' and m.mail_name='", "' and da.mail='true'"},
+    {"mail alias in a domain alias",
+     "select m.id, m.mail_name, d.name from mail m, mail_aliases ma, domains d, "
+     "domainaliases da where m.id=ma.mn_id and m.dom_id=d.id and d.id=da.dom_id and "
+     "da.name='",
+     "' and ma.alias='", "' and da.mail='true'"},
+};
 
-std::string mail_alias_lookup(const char* esc_domain, const char* esc_mailname) {
-  return std::string(
-             "select m.id, m.mail_name, d.name from mail m, mail_aliases ma, domains d where "
-             "m.id=ma.mn_id and m.dom_id=d.id and d.name='") +
-         esc_domain + "' and ma.alias='" + esc_mailname + "'";
+std::string statement_of(const Lookup& lookup, const char* esc_domain, const char* esc_mailname) {
+  return std::string(lookup.before_domain) + esc_domain + lookup.before_mailname + esc_mailname +
+         lookup.after_mailname;
 }
-
-std::string domain_alias_lookup(const char* esc_domain, const char* esc_mailname) {
-  return std::string(
-             "select m.id, m.mail_name, d.name from mail m, domains d, domainaliases da where "
-             "m.dom_id=d.id and d.id=da.dom_id and da.name='") +
-         esc_domain + "' and m.mail_name='" + esc_mailname + "' and da.mail='true'";
-}
-
-std::string alias_in_domain_alias_lookup(const char* esc_domain, const char* esc_mailname) {
-  return std::string(
-             "select m.id, m.mail_name, d.name from mail m, mail_aliases ma, domains d, "
-             "domainaliases da where m.id=ma.mn_id and m.dom_id=d.id and d.id=da.dom_id and "
-             "da.name='") +
-         esc_domain + "' and ma.alias='" + esc_mailname + "' and da.mail='true'";
-}
-
-using Lookup = std::string (*)(const char*, const char*);
-constexpr Lookup kLookups[] = {own_name_lookup, mail_alias_lookup, domain_alias_lookup,
-                               alias_in_domain_alias_lookup};
-constexpr const char* kRouteNames[] = {"own name", "mail alias", "domain alias",
-                                       "mail alias in a domain alias"};
-static_assert(std::size(kRouteNames) == std::size(kLookups));
 
 // The three columns are never NULL in the panel schema; should one be NULL
 // all the same, it reads as the empty string rather than crashing the run. An
@@ -66,10 +61,11 @@ std::string column_text(const char* value) {
 std::optional<Mailbox_ref> resolve_mailbox(MYSQL* connection, const char* esc_domain,
                                            const char* esc_mailname, const char** route) {
   MysqlResult result;
-  for (std::size_t i = 0; i < std::size(kLookups); ++i) {
-    result = select_or_exit(connection, kLookups[i](esc_domain, esc_mailname), kQueryFailed);
+  for (const Lookup& lookup : kLookups) {
+    result =
+        select_or_exit(connection, statement_of(lookup, esc_domain, esc_mailname), kQueryFailed);
     if (mysql_num_rows(result.get()) == 0) continue;
-    if (route != nullptr) *route = kRouteNames[i];
+    if (route != nullptr) *route = lookup.route;
     break;
   }
 
