@@ -5,10 +5,6 @@
 // server, or none, run this program with the variable they need. Each
 // argument is one step, run in order; every result goes to standard output
 // as one line, and the library's own messages appear where it prints them:
-//   connect           orvik_db_connect: "orvik_db_connect: handle|null",
-//                     then "message: <text>" when null, then
-//                     "mysql41_compatible: <n>", then, with a handle,
-//                     "character_set_client: <name>"
 //   db_connect        "db_connect: handle|null"
 //   param:<name>      get_param(name, null): "get_param: null" or
 //                     "get_param: [<value>]"
@@ -29,28 +25,13 @@ void say(const std::string& line) {
   std::fflush(stdout);
 }
 
-void probe_connect() {
-  char message[4097] = "";
-  MysqlConnection connection(orvik_db_connect(message, sizeof message));
-  say(std::string("orvik_db_connect: ") + (connection ? "handle" : "null"));
-  if (!connection) say(std::string("message: ") + message);
-  say("mysql41_compatible: " + std::to_string(_mysql41_compatible));
-  if (connection && mysql_query(connection.get(), "SELECT @@character_set_client") == 0) {
-    MysqlResult result(mysql_store_result(connection.get()));
-    MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
-    say(std::string("character_set_client: ") + (row && row[0] ? row[0] : "?"));
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   PROGNAME = argv[0];
   for (int i = 1; i < argc; ++i) {
     const std::string step = argv[i];
-    if (step == "connect") {
-      probe_connect();
-    } else if (step == "db_connect") {
+    if (step == "db_connect") {
       MysqlConnection connection(db_connect());
       say(std::string("db_connect: ") + (connection ? "handle" : "null"));
     } else if (step.starts_with("param:")) {

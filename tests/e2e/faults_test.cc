@@ -2,7 +2,7 @@
 // standard error closed,
 // /tmp full (a file-size limit), the database server shut down or killed
 // while the run waits for it. Each run ends by itself with the described
-// outcome, exit status 0 and no temporary file left. (answers_test has sendmail
+// outcome, exit status 0 and no temporary file left. (responder_test has sendmail
 // failing or leaving early and an attachment that cannot be opened,
 // security_test attachments that are FIFOs, devices or directories.)
 #include <gtest/gtest.h>

@@ -19,6 +19,8 @@
 #include <streambuf>
 #include <string>
 
+#include "lib/unique_fd.h"
+
 namespace ovk_fuzz {
 
 // Swallows everything written to it.
@@ -50,25 +52,21 @@ inline void check(bool condition, const char* what) {
 class MemFile {
  public:
   MemFile(const std::uint8_t* data, std::size_t size) : fd_(memfd_create("fuzz-input", 0)) {
-    if (fd_ < 0) harness_failure("memfd_create failed");
-    std::size_t done = 0;
-    while (done < size) {
-      const ssize_t written = write(fd_, data + done, size - done);
+    if (!fd_) harness_failure("memfd_create failed");
+    for (std::size_t done = 0; done < size;) {
+      const ssize_t written = write(fd(), data + done, size - done);
       if (written <= 0) harness_failure("writing the input failed");
       done += static_cast<std::size_t>(written);
     }
-    if (lseek(fd_, 0, SEEK_SET) != 0) harness_failure("rewinding the input failed");
+    if (lseek(fd(), 0, SEEK_SET) != 0) harness_failure("rewinding the input failed");
   }
-  MemFile(const MemFile&) = delete;
-  MemFile& operator=(const MemFile&) = delete;
-  ~MemFile() { close(fd_); }
 
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   // A path that opens the same file anew.
-  std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+  std::string path() const { return "/proc/self/fd/" + std::to_string(fd()); }
 
  private:
-  int fd_;
+  Unique_fd fd_;
 };
 
 // Whether `text` is well-formed UTF-8 (shortest forms only, no surrogates,

@@ -16,25 +16,19 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "autoresponder/intake/intake.h"
 #include "autoresponder/mail_content.h"
 #include "lib/paths.h"
 #include "tests/fuzz/fuzz_support.h"
+#include "tests/unit/read_all.h"
 
 namespace {
 
 using ovk_fuzz::check;
 
 constexpr char kRecipient[] = "info@example.com";
-
-std::string read_file(const char* path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 bool has_nul(const std::string& text) {
   return text.find('\0') != std::string::npos;
@@ -44,17 +38,12 @@ bool has_nul(const std::string& text) {
 class StdinRedirect {
  public:
   explicit StdinRedirect(int fd) : saved_(dup(STDIN_FILENO)) {
-    if (saved_ < 0 || dup2(fd, STDIN_FILENO) < 0) ovk_fuzz::harness_failure("redirecting stdin");
+    if (!saved_ || dup2(fd, STDIN_FILENO) < 0) ovk_fuzz::harness_failure("redirecting stdin");
   }
-  StdinRedirect(const StdinRedirect&) = delete;
-  StdinRedirect& operator=(const StdinRedirect&) = delete;
-  ~StdinRedirect() {
-    dup2(saved_, STDIN_FILENO);
-    close(saved_);
-  }
+  ~StdinRedirect() { dup2(saved_.get(), STDIN_FILENO); }
 
  private:
-  int saved_;
+  Unique_fd saved_;
 };
 
 }  // namespace

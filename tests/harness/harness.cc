@@ -449,10 +449,6 @@ void TestDb::exec(const std::string& statement) {
   run_statement(connection(), statement);
 }
 
-std::vector<std::vector<std::optional<std::string>>> TestDb::query(const std::string& statement) {
-  return rows_of(connection(), statement);
-}
-
 std::optional<std::string> TestDb::scalar(const std::string& statement) {
   return first_value(connection(), statement);
 }

@@ -140,8 +140,6 @@ class TestDb {
 
   // Failures throw std::runtime_error with the statement and the error.
   static void exec(const std::string& statement);
-  // Rows of a select; NULL as nullopt.
-  static std::vector<std::vector<std::optional<std::string>>> query(const std::string& statement);
   // The first column of the first row, or nullopt.
   static std::optional<std::string> scalar(const std::string& statement);
 

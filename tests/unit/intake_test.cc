@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -21,17 +20,13 @@
 #include "autoresponder/mail_content.h"
 #include "autoresponder/secure_environment.h"
 #include "lib/paths.h"
+#include "tests/unit/read_all.h"
 #include "tests/unit/text_case.h"
 
 namespace {
 
 using namespace std::string_literals;
 using text_case::repeat;
-
-std::string read_whole(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // The status, the record, standard error and the stored copy.
 using Intake = std::tuple<int, Mail_content, std::string, std::string>;
@@ -50,7 +45,7 @@ Intake take_in(const std::string& input, const char* recipient = "info@example.c
   const int status = parse_message(&mail);
   const std::string err = testing::internal::GetCapturedStderr();
   std::fclose(file);
-  const std::string stored = read_whole(mail_file_name);
+  const std::string stored = read_file(mail_file_name);
   unlink(mail_file_name);
   return {status, mail, err, stored};
 }
@@ -89,11 +84,11 @@ class CorpusTest : public testing::TestWithParam<std::string> {};
 // On a mismatch the record is written to NAME.actual beside NAME.expected, for review.
 TEST_P(CorpusTest, MatchesGoldenRecord) {
   const std::string base = std::string(OVK_TEST_DATA_DIR) + "/" + GetParam();
-  const std::string input = read_whole(base + ".eml");
+  const std::string input = read_file(base + ".eml");
   const Intake result = take_in(input);
   EXPECT_EQ(std::get<3>(result), input + "\n");  // the last line ended, an empty one added
   const std::string actual = render(result);
-  const std::string expected = read_whole(base + ".expected");
+  const std::string expected = read_file(base + ".expected");
   EXPECT_EQ(actual, expected);
   if (actual != expected) std::ofstream(base + ".actual", std::ios::binary) << actual;
 }

@@ -55,7 +55,6 @@ const Fn Drop = [](const std::string& s) { return Replace(s, 0); };
 const Fn Stop = [](const std::string& s) { return Replace(s, REPL_STOP_BEFORE_VALUE); };
 
 const Case kCases[] = {
-    // The examples of the encoded-word standard where our blank rules agree with it.
     {"TemplSubject", Keep, "Re: <request_subject>, <request_from>",
      "Re: Hello there, john@example.com"},
     {"TemplAdjacent", Keep, "<request_from><request_subject>", "john@example.comHello there"},

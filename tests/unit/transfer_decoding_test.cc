@@ -2,63 +2,25 @@
 // pieces of every size from one byte up, so that every piece boundary falls
 // everywhere: inside quartets, between "=" and its digits, inside a CR LF
 // soft line break, among the padding.
-#include "autoresponder/intake/transfer_decoding.h"
-
-#include <gmime/gmime.h>
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
-#include <vector>
+
+#include "tests/unit/decode_both.h"
 
 namespace {
 
-using transfer_decoding::Base64_decoder;
-using transfer_decoding::MaxDecodedSize;
-using transfer_decoding::Quoted_printable_decoder;
-
 enum class Kind { kBase64, kQuotedPrintable };
 
-std::string decode_ours(Kind kind, const std::string& text, std::size_t piece) {
-  Base64_decoder base64;
-  Quoted_printable_decoder quoted_printable;
-  std::string result;
-  for (std::size_t at = 0; at < text.size(); at += piece) {
-    const std::size_t size = std::min(piece, text.size() - at);
-    std::vector<char> out(MaxDecodedSize(size));
-    const std::size_t length = kind == Kind::kBase64
-                                   ? base64.step(text.data() + at, size, out.data())
-                                   : quoted_printable.step(text.data() + at, size, out.data());
-    result.append(out.data(), length);
-  }
-  return result;
-}
-
-std::string decode_library(Kind kind, const std::string& text, std::size_t piece) {
-  GMimeEncoding state;
-  g_mime_encoding_init_decode(&state, kind == Kind::kBase64
-                                          ? GMIME_CONTENT_ENCODING_BASE64
-                                          : GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE);
-  std::string result;
-  std::vector<char> out;
-  for (std::size_t at = 0; at < text.size(); at += piece) {
-    const std::size_t size = std::min(piece, text.size() - at);
-    out.resize(g_mime_encoding_outlen(&state, size));
-    result.append(out.data(), g_mime_encoding_step(&state, text.data() + at, size, out.data()));
-  }
-  out.resize(g_mime_encoding_outlen(&state, 0) + 1);
-  result.append(out.data(), g_mime_encoding_flush(&state, nullptr, 0, out.data()));
-  return result;
-}
-
-// Every piece size from 1 to the whole text (to 300 for longer texts).
+// Every piece size from 1 to 300, and the whole text in one piece.
 void expect_same_in_all_pieces(Kind kind, const std::string& text) {
-  const std::size_t largest = std::max<std::size_t>(1, std::min<std::size_t>(text.size(), 300));
+  const std::size_t largest = std::min<std::size_t>(text.size(), 300) + 1;
   for (std::size_t piece = 1; piece <= largest; ++piece) {
-    ASSERT_EQ(decode_ours(kind, text, piece), decode_library(kind, text, piece))
-        << "pieces of " << piece << " bytes";
+    const std::size_t size = piece == largest ? text.size() + 1 : piece;
+    const auto [ours, theirs] = decode_both(kind == Kind::kBase64, text, size, size);
+    ASSERT_EQ(ours, theirs) << "pieces of " << size << " bytes";
   }
-  ASSERT_EQ(decode_ours(kind, text, text.size() + 1), decode_library(kind, text, text.size() + 1));
 }
 
 struct Decoding_case {

@@ -98,7 +98,6 @@ const std::string kBadLine = "12:Invalid variable definition ";
 const std::string kMissing = "/nonexistent/ovk.conf";
 
 const Case kCases[] = {
-    // The examples of the encoded-word standard where our blank rules agree with it.
     Both("LogEmptyIsEmptyLine", LogBare, "", "\n"),
     Both("LogNoPrefixNoSecondLineFeed", LogBare, "hi\n", "hi\n"),
     Both("LogLongWhole", LogBare, repeat("x", 5000), repeat("x", 5000) + "\n"),
