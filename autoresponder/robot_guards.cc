@@ -9,7 +9,6 @@
 // the sender's address is looked at.
 #include "autoresponder/robot_guards.h"
 
-
 #include <algorithm>
 #include <cctype>
 #include <string_view>
