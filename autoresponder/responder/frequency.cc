@@ -28,7 +28,6 @@
 #include <mysqld_error.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -39,6 +38,7 @@
 
 #include "autoresponder/responder/db_statement.h"
 #include "autoresponder/responder/named_lock.h"
+#include "lib/ascii.h"
 #include "lib/libcommon.h"
 #include "lib/mysql_handle.h"
 
@@ -188,11 +188,7 @@ bool is_cluster_node(MYSQL* connection) {
 }
 
 bool is_rule_sender_column(const char* name) {
-  std::string lower;
-  for (const char* c = name; *c != '\0'; ++c) {
-    lower += static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
-  }
-  return lower == "rn_id" || lower == "email";
+  return EqualsIgnoringCase(name, "rn_id") || EqualsIgnoringCase(name, "email");
 }
 
 // Whether resp_freq has a unique key whose columns are all among rn_id and email.
